@@ -1,0 +1,43 @@
+// Table-driven codec between json-c objects and program variables.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <json-c/json.h>
+
+// Describes one member to read. `type` is a json_type value.
+struct bridge_json_field {
+    const char *name;
+    uint32_t type;
+    uint32_t size;   // string: destination capacity incl. terminator; object: nested record count
+    void *ptr;       // destination, or nested bridge_json_field frame
+    bool optional;   // absent key is skipped; conversion messages drop to TRACE
+};
+
+// Describes one member to write. `type` is a json_type value.
+struct bridge_json_out_field {
+    const char *name;
+    uint32_t type;
+    uint32_t size;          // object: nested record count; string: length (not read)
+    const void *ptr;        // source value, or nested bridge_json_out_field frame
+    const char *double_str; // double only: exact printed form, or NULL for json-c's default
+};
+
+int bridge_json_deserialize(json_object *obj, const bridge_json_field *frame, uint32_t count);
+int bridge_json_serialize(json_object *obj, const bridge_json_out_field *frame, uint32_t count);
+int errnum_to_existing_json(const char *key, int errnum, json_object *existing);
+
+// Owner of one json-c reference.
+struct bridge_json_put {
+    void operator()(json_object *o) const { if (o) json_object_put(o); }
+};
+using bridge_json_ptr = std::unique_ptr<json_object, bridge_json_put>;
+
+template <size_t N>
+int bridge_json_deserialize(json_object *obj, const bridge_json_field (&frame)[N]) {
+    return bridge_json_deserialize(obj, frame, static_cast<uint32_t>(N));
+}
+template <size_t N>
+int bridge_json_serialize(json_object *obj, const bridge_json_out_field (&frame)[N]) {
+    return bridge_json_serialize(obj, frame, static_cast<uint32_t>(N));
+}

@@ -1,0 +1,19 @@
+// Client of the Basics Station LNS: discovery, session and uplink push.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <json-c/json.h>
+
+// Status of the LNS client: the connection failed or ended, start over.
+constexpr int LNS_STATUS_RESTART_REQUIRED = 2;
+
+// Receives each processed dnmsg: status is 0, data the JSON text, data_sz its length plus one.
+using bridge_bstn_lns_downlink_cb = void (*)(int status, void *arg, const char *data, size_t data_sz);
+
+int bridge_bstn_lns_init_discovery(uint32_t level, bool use_stderr);
+int bridge_bstn_lns_start();
+void bridge_bstn_lns_stop();
+void bridge_bstn_lns_downlink_subscribe(bridge_bstn_lns_downlink_cb cb, void *arg);
+void bridge_bstn_lns_downlink_unsubscribe();
+int bridge_bstn_lns_uplink_push(json_object *lns_uplink);

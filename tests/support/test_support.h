@@ -1,0 +1,65 @@
+// Helpers shared by the C++ tests: captured log output, scratch folders and
+// peer processes (the Python test servers).
+#pragma once
+
+#include <string>
+#include <vector>
+#include <sys/types.h>
+
+namespace kes_test {
+
+// Redirects file descriptor 2 (standard error) into a temporary file until stop().
+class StderrCapture {
+public:
+    StderrCapture();
+    ~StderrCapture();
+    std::string stop();
+private:
+    int saved_fd_ = -1;
+    std::string path_;
+    bool active_ = false;
+};
+
+// A scratch folder removed with its content on destruction.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    const std::string &path() const { return path_; }
+    std::string file(const std::string &name) const { return path_ + "/" + name; }
+private:
+    std::string path_;
+};
+
+void write_file(const std::string &path, const std::string &content);
+std::string read_file(const std::string &path);
+bool file_exists(const std::string &path);
+
+// A child process (normally /usr/bin/python3 running a peer from tests/peers).
+// start() waits until the child prints a line beginning with `ready_prefix`
+// and returns the rest of that line (for example a port number).
+class Process {
+public:
+    Process() = default;
+    ~Process();
+    Process(const Process &) = delete;
+    Process &operator=(const Process &) = delete;
+    std::string start(const std::vector<std::string> &argv, const std::string &ready_prefix,
+                      int timeout_ms = 20000);
+    // Reads the next line the child prints on standard output (empty on time-out/EOF).
+    std::string read_line(int timeout_ms = 10000);
+    // Sends one line on the child's standard input.
+    void write_line(const std::string &line);
+    void stop();
+    pid_t pid() const { return pid_; }
+private:
+    pid_t pid_ = -1;
+    int out_fd_ = -1;
+    int in_fd_ = -1;
+    std::string pending_;
+};
+
+std::string source_dir();
+std::string python();
+
+} // namespace kes_test
