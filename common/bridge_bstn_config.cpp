@@ -1,0 +1,219 @@
+// The daemon's TOML configuration, loaded once into one process-wide record.
+#include "common/bridge_bstn_config.h"
+
+#include <array>
+#include <cassert>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <toml++/toml.h>
+
+#include "common/bridge_utils.h"
+
+namespace {
+
+bridge_cfg_root cfg_root;
+
+constexpr bridge_cfg_entry text_entry(char *field, const char *key) {
+    return {BRIDGE_CFG_TYPE_STR, {.str_ptr = field}, static_cast<uint32_t>(BRIDGE_CFG_STR_SZ), nullptr, key};
+}
+
+constexpr std::array<bridge_cfg_entry, 6> general_entries = {{
+    text_entry(cfg_root.general.gw_eui, "gw_eui"),
+    text_entry(cfg_root.general.name, "name"),
+    text_entry(cfg_root.general.model, "model"),
+    text_entry(cfg_root.general.package, "package"),
+    text_entry(cfg_root.general.fw_version, "fw_version"),
+    {BRIDGE_CFG_TYPE_BOOL, {.bool_ptr = &cfg_root.general.skip_cups}, 0, nullptr, "skip_cups"},
+}};
+
+constexpr std::array<bridge_cfg_entry, 8> creds_entries(bridge_cfg_creds &c) {
+    return {{
+        text_entry(c.uri, "uri"),
+        text_entry(c.uri_backup, "uri_backup"),
+        text_entry(c.trust, "trust"),
+        text_entry(c.trust_backup, "trust_backup"),
+        text_entry(c.cert, "cert"),
+        text_entry(c.cert_backup, "cert_backup"),
+        text_entry(c.key, "key"),
+        text_entry(c.key_backup, "key_backup"),
+    }};
+}
+
+constexpr std::array<bridge_cfg_entry, 8> cups_entries = creds_entries(cfg_root.cups);
+constexpr std::array<bridge_cfg_entry, 8> lns_entries = creds_entries(cfg_root.lns);
+
+constexpr std::array<bridge_cfg_entry, 1> semtech_entries = {{
+    {BRIDGE_CFG_TYPE_INT, {.int_ptr = &cfg_root.semtech.bind_port}, 0, nullptr, "bind_port"},
+}};
+
+constexpr std::array<bridge_cfg_section, 4> cfg_sections = {{
+    {"general", general_entries.data(), static_cast<uint32_t>(general_entries.size())},
+    {"cups", cups_entries.data(), static_cast<uint32_t>(cups_entries.size())},
+    {"lns", lns_entries.data(), static_cast<uint32_t>(lns_entries.size())},
+    {"semtech", semtech_entries.data(), static_cast<uint32_t>(semtech_entries.size())},
+}};
+
+constexpr int64_t BIND_PORT_MIN = 1;
+constexpr int64_t BIND_PORT_MAX = 65535;
+
+// Values are taken only in their own TOML type: no number-to-text, bool-to-int
+// or float-to-int conversion.
+int parse_cfg_entry(const toml::node *value, const bridge_cfg_entry *e) {
+    assert(value);
+    assert(e);
+    switch (e->type) {
+    case BRIDGE_CFG_TYPE_STR:
+    case BRIDGE_CFG_TYPE_SECRET_STR: {
+        const toml::value<std::string> *text = value->as_string();
+        if (!text) {
+            LOG_ERROR("failed to allocate TOML string for parameter: %s", e->key);
+            return -1;
+        }
+        strncpy(e->item.str_ptr, text->get().c_str(), e->size - 1);
+        e->item.str_ptr[e->size - 1] = '\0';
+        return 0;
+    }
+    case BRIDGE_CFG_TYPE_BOOL:
+        if (!value->is_boolean())
+            return -1;
+        *e->item.bool_ptr = *value->value_exact<bool>();
+        return 0;
+    case BRIDGE_CFG_TYPE_INT:
+        if (!value->is_integer())
+            return -1;
+        *e->item.int_ptr = *value->value_exact<int64_t>();
+        return 0;
+    case BRIDGE_CFG_TYPE_DOUBLE:
+        if (value->is_floating_point())
+            *e->item.dbl_ptr = *value->value_exact<double>();
+        else if (value->is_integer())
+            *e->item.dbl_ptr = static_cast<double>(*value->value_exact<int64_t>());
+        else
+            return -1;
+        return 0;
+    default:
+        assert(0);
+        return -1;
+    }
+}
+
+void print_cfg_entry(const bridge_cfg_section *s, const bridge_cfg_entry *entry) {
+    switch (entry->type) {
+    case BRIDGE_CFG_TYPE_STR:
+        BRIDGE_ASSERT(entry->item.str_ptr);
+        LOG_TRACE("cfg section: [%-25s] entry: [%-25s] -> %s", s->name, entry->key, entry->item.str_ptr);
+        break;
+    case BRIDGE_CFG_TYPE_SECRET_STR:
+        BRIDGE_ASSERT(entry->item.str_ptr);
+        LOG_TRACE("cfg section: [%-25s] entry: [%-25s] -> <hidden>", s->name, entry->key);
+        break;
+    case BRIDGE_CFG_TYPE_BOOL:
+        BRIDGE_ASSERT(entry->item.bool_ptr);
+        LOG_TRACE("cfg section: [%-25s] entry: [%-25s] -> %d", s->name, entry->key, *entry->item.bool_ptr ? 1 : 0);
+        break;
+    case BRIDGE_CFG_TYPE_INT:
+        BRIDGE_ASSERT(entry->item.int_ptr);
+        LOG_TRACE("cfg section: [%-25s] entry: [%-25s] -> %lld", s->name, entry->key,
+                  static_cast<long long>(*entry->item.int_ptr));
+        break;
+    case BRIDGE_CFG_TYPE_DOUBLE:
+        BRIDGE_ASSERT(entry->item.dbl_ptr);
+        LOG_TRACE("cfg section: [%-25s] entry: [%-25s] -> %f", s->name, entry->key, *entry->item.dbl_ptr);
+        break;
+    default:
+        BRIDGE_ASSERT(0);
+    }
+}
+
+// Reads the whole file through one open stream; false when it cannot be opened or read.
+bool read_cfg_text(const char *path, std::string &text) {
+    bridge_unique_file f(fopen(path, "r"));
+    if (!f)
+        return false;
+    std::array<char, 4096> chunk;
+    size_t n;
+    while ((n = fread(chunk.data(), 1, chunk.size(), f.get())) > 0)
+        text.append(chunk.data(), n);
+    return !ferror(f.get());
+}
+
+int load_sections(const toml::table &doc, const bridge_cfg_section *sections, uint32_t count) {
+    for (uint32_t i = 0; i < count; i++) {
+        const bridge_cfg_section *s = &sections[i];
+        BRIDGE_ASSERT(s->name);
+        const toml::table *table = doc.get_as<toml::table>(s->name);
+        if (!table) {
+            LOG_ERROR("section %s is missing in the configuration file", s->name);
+            return -1;
+        }
+        for (uint32_t j = 0; j < s->count; j++) {
+            const bridge_cfg_entry *e = &s->entries[j];
+            BRIDGE_ASSERT(e->key);
+            const toml::node *value = table->get(e->key);
+            if (!value) {
+                LOG_DEBUG("parameter %s is missing in the configuration file", e->key);
+                if (e->is_set)
+                    *e->is_set = false;
+                continue;
+            }
+            if (parse_cfg_entry(value, e) != 0) {
+                LOG_ERROR("failed to parse parameter: %s", e->key);
+                return -1;
+            }
+            if (e->is_set)
+                *e->is_set = true;
+        }
+    }
+    for (uint32_t i = 0; i < count; i++)
+        for (uint32_t j = 0; j < sections[i].count; j++)
+            print_cfg_entry(&sections[i], &sections[i].entries[j]);
+    return 0;
+}
+
+} // namespace
+
+int bridge_config_load(const char *cfg_file, const bridge_cfg_section *sections, uint32_t count) {
+    BRIDGE_ASSERT(cfg_file);
+    BRIDGE_ASSERT(sections);
+    LOG_DEBUG("processing configuration file: %s", cfg_file);
+
+    std::string text;
+    if (!read_cfg_text(cfg_file, text)) {
+        LOG_ERROR("failed to open configuration file");
+        return -1;
+    }
+
+    // toml++ reports syntax errors and allocation failures by exception; none may leave this module.
+    try {
+        const toml::table doc = toml::parse(text, std::string_view(cfg_file));
+        return load_sections(doc, sections, count);
+    } catch (const toml::parse_error &err) {
+        std::string where = std::string(err.description()) + " (line " + std::to_string(err.source().begin.line) +
+                            ", column " + std::to_string(err.source().begin.column) + ")";
+        LOG_ERROR("failed to parse configuration file: %s", where.c_str());
+    } catch (const std::exception &err) {
+        LOG_ERROR("failed to parse configuration file: %s", err.what());
+    }
+    return -1;
+}
+
+int bridge_config_process(const char *cfg_file) {
+    BRIDGE_ASSERT(cfg_file);
+    if (bridge_config_load(cfg_file, cfg_sections.data(), static_cast<uint32_t>(cfg_sections.size())) != 0)
+        return -1;
+
+    // The dataplane binds this port as given: refuse what cannot be a UDP port
+    // (a missing key leaves 0) rather than fail later at every restart.
+    const int64_t port = cfg_root.semtech.bind_port;
+    if (port < BIND_PORT_MIN || port > BIND_PORT_MAX) {
+        LOG_ERROR("invalid bind_port value: %lld, expected 1..65535", static_cast<long long>(port));
+        return -1;
+    }
+    return 0;
+}
+
+bridge_cfg_root *bridge_config_get_root() {
+    return &cfg_root;
+}
