@@ -1,0 +1,238 @@
+#!/usr/bin/python3
+"""CUPS test server: answers LoRa Basics Station `update-info` requests over HTTPS.
+
+Usage:
+  cups_peer.py --certs DIR [--path PREFIX] [--require-cert] [--token LINE]
+               [--respond SPEC ...]
+
+  --certs DIR      folder made by make_certs.sh; the server presents server.pem/server.key,
+                   client certificates are verified against ca.pem, and relative file
+                   names inside SPECs are taken from this folder.
+  --path PREFIX    requests must be POSTed to PREFIX + "/update-info", anything else
+                   gets 404 (default: any path ending in "/update-info").
+  --require-cert   answer 401 to a request that came without a client certificate
+                   (a certificate that does not chain to ca.pem fails the handshake).
+  --token LINE     answer 401 unless the request carries exactly this header line,
+                   e.g. "Authorization: Bearer abc" (name compared without case).
+  --respond SPEC   scripted answers, used one per request in order. When the script is
+                   exhausted the last answer is repeated (at the start: "empty").
+                   A request refused by --require-cert/--token gets 401 and does not
+                   use a scripted answer.
+
+Lines on standard input add SPECs to the end of the script; the line "quit" or the end
+of standard input stops the server.
+
+SPEC is one of:
+  empty           200 with 14 zero bytes (no update)
+  <number>        that HTTP status with an empty body, e.g. 401, 500
+  truncated       200 announcing 100 bytes of body but sending 14, then closing
+  close           closes the connection without answering
+  {JSON}          200 with a binary update built from the JSON object:
+                    "cups_uri", "lns_uri": texts (absent: empty section)
+                    "cups_creds", "lns_creds": {"trust": F, "cert": F, "key": F,
+                        "token": TEXT}; each item absent or null gives the absence
+                        marker (4 zero bytes), F names a DER file; "token" replaces
+                        the key by the raw text. Absent object: empty section.
+                    "sig", "blob": hex bytes for sections 5 and 6 (default empty)
+                    "hex": the whole body as hex, used verbatim instead of the above
+
+Output: "READY <port>" once listening on 127.0.0.1, then one JSON line per request:
+  {"method", "path", "headers": {"content-type", "authorization", <token header>},
+   "client_cn": CN of the client certificate or null, "body": request body text,
+   "status": status answered or the SPEC word "truncated"/"close"}
+and {"tls_error": TEXT} for a failed TLS handshake.
+"""
+import argparse
+import http.server
+import json
+import os
+import ssl
+import sys
+import threading
+
+LOCK = threading.Lock()
+
+
+def out(obj):
+    with LOCK:
+        sys.stdout.write(json.dumps(obj) + "\n")
+        sys.stdout.flush()
+
+
+class Script:
+    def __init__(self, specs):
+        self.specs = list(specs)
+        self.last = "empty"
+        self.cv = threading.Condition()
+
+    def add(self, spec):
+        with self.cv:
+            self.specs.append(spec)
+
+    def next(self):
+        with self.cv:
+            if self.specs:
+                self.last = self.specs.pop(0)
+            return self.last
+
+
+def section(data, width):
+    return len(data).to_bytes(width, "little") + data
+
+
+def creds_blob(certs, creds):
+    if creds is None:
+        return b""
+
+    def der(name):
+        if creds.get(name) is None:
+            return b"\0\0\0\0"
+        with open(os.path.join(certs, creds[name]), "rb") as f:
+            return f.read()
+
+    key = creds["token"].encode() if "token" in creds else der("key")
+    return der("trust") + der("cert") + key
+
+
+def build_update(certs, spec):
+    if "hex" in spec:
+        return bytes.fromhex(spec["hex"])
+    return (section(spec.get("cups_uri", "").encode(), 1)
+            + section(spec.get("lns_uri", "").encode(), 1)
+            + section(creds_blob(certs, spec.get("cups_creds")), 2)
+            + section(creds_blob(certs, spec.get("lns_creds")), 2)
+            + section(bytes.fromhex(spec.get("sig", "")), 4)
+            + section(bytes.fromhex(spec.get("blob", "")), 4))
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+
+    def log_message(self, *args):
+        pass
+
+    def client_cn(self):
+        cert = self.connection.getpeercert()
+        if not cert:
+            return None
+        for rdn in cert.get("subject", ()):
+            for key, value in rdn:
+                if key == "commonName":
+                    return value
+        return None
+
+    def authorised(self, cn):
+        opts = self.server.opts
+        if opts.require_cert and cn is None:
+            return False
+        if opts.token:
+            name, _, value = opts.token.partition(":")
+            return self.headers.get(name.strip()) == value.strip()
+        return True
+
+    def answer(self, status, body=b"", length=None):
+        self.send_response(status)
+        self.send_header("Content-Type", "application/octet-stream")
+        self.send_header("Content-Length", str(len(body) if length is None else length))
+        self.send_header("Connection", "close")
+        self.end_headers()
+        self.wfile.write(body)
+        self.wfile.flush()
+        self.close_connection = True
+
+    def do_POST(self):
+        opts = self.server.opts
+        length = int(self.headers.get("Content-Length", "0"))
+        body = self.rfile.read(length).decode(errors="replace")
+        wanted = ["content-type", "authorization"]
+        if opts.token:
+            wanted.append(opts.token.partition(":")[0].strip().lower())
+        headers = {h: self.headers.get(h) for h in wanted}
+        cn = self.client_cn()
+        record = {"method": "POST", "path": self.path, "headers": headers,
+                  "client_cn": cn, "body": body}
+        expected = self.path.endswith("/update-info") if opts.path is None \
+            else self.path == opts.path + "/update-info"
+        if not expected:
+            record["status"] = 404
+            out(record)
+            self.answer(404)
+            return
+        if not self.authorised(cn):
+            record["status"] = 401
+            out(record)
+            self.answer(401)
+            return
+        spec = self.server.script.next()
+        record["status"] = spec if spec in ("truncated", "close") else None
+        if spec == "empty":
+            status, payload = 200, bytes(14)
+        elif spec == "truncated":
+            out(record)
+            self.answer(200, bytes(14), length=100)
+            return
+        elif spec == "close":
+            out(record)
+            self.close_connection = True
+            return
+        elif spec.startswith("{"):
+            status, payload = 200, build_update(opts.certs, json.loads(spec))
+        else:
+            status, payload = int(spec), b""
+        record["status"] = status
+        out(record)
+        self.answer(status, payload)
+
+
+class Server(http.server.ThreadingHTTPServer):
+    daemon_threads = True
+
+    def finish_request(self, request, client_address):
+        # The handshake runs on the request's own thread so that a stuck client
+        # cannot block the listener.
+        request.settimeout(10)
+        try:
+            tls = self.tls.wrap_socket(request, server_side=True)
+        except (ssl.SSLError, OSError) as e:
+            out({"tls_error": str(e)})
+            return
+        super().finish_request(tls, client_address)
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--certs", required=True)
+    ap.add_argument("--path")
+    ap.add_argument("--require-cert", action="store_true")
+    ap.add_argument("--token")
+    ap.add_argument("--respond", action="append", default=[])
+    opts = ap.parse_args()
+
+    tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    tls.load_cert_chain(os.path.join(opts.certs, "server.pem"),
+                        os.path.join(opts.certs, "server.key"))
+    tls.load_verify_locations(os.path.join(opts.certs, "ca.pem"))
+    tls.verify_mode = ssl.CERT_OPTIONAL
+
+    server = Server(("127.0.0.1", 0), Handler)
+    server.tls = tls
+    server.opts = opts
+    server.script = Script(opts.respond)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    out_line = "READY %d\n" % server.server_address[1]
+    with LOCK:
+        sys.stdout.write(out_line)
+        sys.stdout.flush()
+
+    # Standard input closing means the test that started us is gone.
+    for line in sys.stdin:
+        line = line.strip()
+        if line == "quit":
+            break
+        if line:
+            server.script.add(line)
+    server.shutdown()
+
+
+if __name__ == "__main__":
+    main()
