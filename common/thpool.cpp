@@ -44,8 +44,8 @@ struct thread;
 struct thpool_ {
     thread **threads;
     int num_threads;
-    volatile int num_threads_alive;
-    volatile int num_threads_working;
+    int num_threads_alive; // guarded by thcount_lock
+    int num_threads_working; // guarded by thcount_lock
     pthread_mutex_t thcount_lock;
     pthread_cond_t threads_all_idle;
     jobqueue queue;
