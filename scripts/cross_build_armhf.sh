@@ -1,0 +1,86 @@
+#!/usr/bin/env bash
+# Cross-builds the daemon and its unit tests for 32-bit ARM gateways (Debian
+# armhf) and runs the unit tests under qemu-arm through CTest.
+#
+# Usage: scripts/cross_build_armhf.sh [--no-tests] [--package]
+#   --no-tests  build the daemon only (no unit tests, nothing run)
+#   --package   also build the armhf Debian package into <repo>/out/
+# Environment:
+#   KES_ARMHF_BUILD_DIR  build folder   (default <repo>/build-armhf)
+#   KES_ARMHF_SYSROOT    armhf sysroot  (default <repo>/build-armhf-sysroot)
+#   KES_JOBS             parallel jobs  (default 2)
+#
+# Steps: installs g++-arm-linux-gnueabihf and qemu-user with apt-get when they
+# are missing, makes the sysroot (scripts/armhf_sysroot.sh: Debian's armhf
+# packages unpacked with a private apt state, the host's dpkg database is not
+# touched), configures with cmake/armhf-toolchain.cmake, builds kes_bstn and
+# the tests/unit executables, runs `ctest -L unit` (integration and
+# end-to-end tests need the Python peers and are not run under emulation) and
+# prints the size of the stripped daemon.
+set -euo pipefail
+
+repo=$(cd "$(dirname "$0")/.." && pwd)
+build=${KES_ARMHF_BUILD_DIR:-$repo/build-armhf}
+sysroot=${KES_ARMHF_SYSROOT:-$repo/build-armhf-sysroot}
+jobs=${KES_JOBS:-2}
+with_tests=1
+package=0
+for arg in "$@"; do
+  case "$arg" in
+    --no-tests) with_tests=0 ;;
+    --package) package=1 ;;
+    *) echo "usage: $0 [--no-tests] [--package]" >&2; exit 64 ;;
+  esac
+done
+
+need=()
+command -v arm-linux-gnueabihf-g++ >/dev/null || need+=(g++-arm-linux-gnueabihf)
+command -v qemu-arm >/dev/null || need+=(qemu-user)
+if [ "${#need[@]}" -gt 0 ]; then
+  echo "installing: ${need[*]}" >&2
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq || true
+  $sudo apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
+fi
+
+"$repo/scripts/armhf_sysroot.sh" "$sysroot"
+
+tests=ON
+[ "$with_tests" -eq 1 ] || tests=OFF
+cmake -S "$repo" -B "$build" \
+  -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/armhf-toolchain.cmake" \
+  -DKES_ARMHF_SYSROOT="$sysroot" \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DKES_BUILD_BENCH=OFF \
+  -DKES_BUILD_TESTS="$tests" \
+  -DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST
+
+# Only the daemon and the unit test executables: the integration tests are
+# not run under emulation, so building them would only cost time.
+targets=(kes_bstn)
+if [ "$with_tests" -eq 1 ]; then
+  for t in "$repo"/tests/unit/test_*.cpp; do
+    [ -e "$t" ] && targets+=("$(basename "$t" .cpp)")
+  done
+fi
+cmake --build "$build" --target "${targets[@]}" -j "$jobs"
+
+status=0
+if [ "$with_tests" -eq 1 ]; then
+  (cd "$build" && ctest -L unit --output-on-failure -j "$jobs") || status=$?
+fi
+
+bin=$build/kes_bstn
+arm-linux-gnueabihf-strip -o "$build/kes_bstn.stripped" "$bin"
+file "$build/kes_bstn.stripped" 2>/dev/null || true
+echo "kes_bstn (armhf): $(stat -c %s "$bin") bytes unstripped, $(stat -c %s "$build/kes_bstn.stripped") bytes stripped"
+
+if [ "$package" -eq 1 ]; then
+  mkdir -p "$repo/out"
+  (cd "$build" && cpack -G DEB -B "$repo/out/cpack-armhf")
+  cp "$repo"/out/cpack-armhf/*.deb "$repo/out/"
+  ls -l "$repo"/out/*armhf.deb
+fi
+exit "$status"

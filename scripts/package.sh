@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Builds the Debian package(s) of the daemon into <repo>/out/.
+#
+# Usage: scripts/package.sh [amd64|armhf|all] [--install-test]
+#   amd64 (default)  native build in <repo>/build-package (Release, no tests),
+#                    then cpack -G DEB
+#   armhf            cross build through scripts/cross_build_armhf.sh
+#                    (sysroot, unit tests under qemu-arm, package)
+#   all              both
+#   --install-test   after building the amd64 package, install it on THIS
+#                    machine with dpkg -i, check the service user, modes and
+#                    files, and purge it again (root only; refuses to touch an
+#                    existing kes-bstn installation or kes_bstn user). It is
+#                    not part of CTest because it changes the machine's dpkg
+#                    database and user accounts and takes the dpkg lock.
+#
+# Install on a gateway:  dpkg -i kes-bstn_1.7.1_armhf.deb   (apt-get install
+# ./kes-bstn_1.7.1_armhf.deb also pulls in the runtime libraries).
+set -euo pipefail
+
+repo=$(cd "$(dirname "$0")/.." && pwd)
+jobs=${KES_JOBS:-2}
+arch=amd64
+install_test=0
+for arg in "$@"; do
+  case "$arg" in
+    amd64|armhf|all) arch=$arg ;;
+    --install-test) install_test=1 ;;
+    *) echo "usage: $0 [amd64|armhf|all] [--install-test]" >&2; exit 64 ;;
+  esac
+done
+mkdir -p "$repo/out"
+
+build_native() {
+  local build=${KES_PACKAGE_BUILD_DIR:-$repo/build-package}
+  cmake -S "$repo" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKES_BUILD_TESTS=OFF -DKES_BUILD_BENCH=OFF >/dev/null
+  cmake --build "$build" --target kes_bstn -j "$jobs"
+  (cd "$build" && cpack -G DEB -B "$repo/out/cpack-native")
+  cp "$repo"/out/cpack-native/*.deb "$repo/out/"
+  if [ "$install_test" -eq 1 ]; then
+    [ "$(id -u)" -eq 0 ] || { echo "--install-test needs root" >&2; exit 1; }
+    KES_PACKAGE_INSTALL=1 KES_BSTN_BIN="$build/kes_bstn" \
+      /usr/bin/python3 "$repo/tests/e2e/test_package.py" -v
+  fi
+}
+
+case "$arch" in
+  amd64) build_native ;;
+  armhf) "$repo/scripts/cross_build_armhf.sh" --package ;;
+  all) build_native; "$repo/scripts/cross_build_armhf.sh" --package ;;
+esac
+ls -l "$repo"/out/*.deb
