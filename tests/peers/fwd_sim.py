@@ -192,8 +192,17 @@ class FwdSim:
             return [e for e in self.events[start:] if pred(e)]
 
     # ---- sending ---------------------------------------------------------------------------
+    def _sendto(self, sock, data):
+        """A closed bridge port makes Linux report ECONNREFUSED on a later send: record, go on."""
+        try:
+            sock.sendto(data, self.addr)
+            return True
+        except OSError as exc:
+            self._record(dir="error", kind="send_error", error=str(exc))
+            return False
+
     def send_raw(self, data, sock=None, note="raw"):
-        (sock or self.push_sock).sendto(data, self.addr)
+        self._sendto(sock or self.push_sock, data)
         return self._record(dir="sent", kind=note, size=len(data))
 
     def push_data(self, obj, version=None, token=None):
@@ -204,7 +213,7 @@ class FwdSim:
         now = time.monotonic()
         with self.lock:
             self.pending_push[token] = now
-        self.push_sock.sendto(data, self.addr)
+        self._sendto(self.push_sock, data)
         return self._record(t=now, dir="sent", kind="push_data", token=token, json=obj, size=len(data))
 
     def pull_data(self, token=None):
@@ -212,7 +221,7 @@ class FwdSim:
         with self.lock:
             self.pending_pull[token] = time.monotonic()
             sock = self.pull_sock
-        sock.sendto(gwmp(self.version, token, PULL_DATA, self.eui), self.addr)
+        self._sendto(sock, gwmp(self.version, token, PULL_DATA, self.eui))
         return self._record(dir="sent", kind="pull_data", token=token, port=sock.getsockname()[1])
 
     def send_stat(self, count=None, **extra):
@@ -280,7 +289,7 @@ class FwdSim:
                 ev["text"] = raw.decode("utf-8", "replace")
             if self.tx_ack:
                 ack = {"txpk_ack": {"error": self.tx_ack_error}}
-                sock.sendto(gwmp(2, token, TX_ACK, self.eui, json.dumps(ack).encode()), self.addr)
+                self._sendto(sock, gwmp(2, token, TX_ACK, self.eui, json.dumps(ack).encode()))
                 self._record(dir="sent", kind="tx_ack", token=token, port=port)
         self._record(**ev)
 
