@@ -52,7 +52,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kes-bstn)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR Kestrane)
-set(CPACK_PACKAGE_CONTACT "Kestrane gateway support <gateway-support@kestrane.invalid>")
+set(CPACK_PACKAGE_CONTACT "Kestrane gateway support <support@kestrane.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
   "bridge from the Semtech UDP packet forwarder to LoRa Basics Station servers")
 set(CPACK_PACKAGE_DESCRIPTION
