@@ -1,0 +1,414 @@
+// LNS client: station session (version, router_config, dnmsg, timesync, dntxed) and uplink push.
+#include "converter/data/bridge_bstn_lns_internal.h"
+
+#include "common/bridge_bstn_config.h"
+#include "common/bridge_json_helpers.h"
+#include "common/bridge_utils.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <netinet/in.h>
+#include <resolv.h>
+#include <string_view>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t LNS_MSGTYPE_SZ = 32;
+constexpr size_t LNS_DEVEUI_SZ = 64;
+constexpr size_t LNS_DR_TEXT_SZ = 32;
+constexpr int64_t LNS_US_PER_S = 1000000;
+
+int lns_handle_dnsched(bridge_bstn_lns_ctx *, json_object *) { return 0; }
+
+int lns_handle_timesync(bridge_bstn_lns_ctx *ctx, json_object *msg) {
+    LOG_DEBUG("received timesync message. ignoring it, except muxtime part");
+    lns_muxtime_from_msg(ctx, msg);
+    return 0;
+}
+
+struct lns_msg_handler {
+    std::string_view msgtype;
+    int (*handle)(bridge_bstn_lns_ctx *, json_object *);
+};
+
+constexpr lns_msg_handler lns_msg_handlers[] = {
+    {"dnsched", lns_handle_dnsched},
+    {"dnmsg", lns_handle_dnmsg},
+    {"timesync", lns_handle_timesync},
+};
+
+// Reads one DRs entry [sf, bw, dnonly]; absent members stay 0.
+int lns_read_dr_entry(json_object *entry, bridge_bstn_lns_dr *dr) {
+    // json-c's array accessors require an array and would abort on anything else.
+    if (!json_object_is_type(entry, json_type_array)) {
+        LOG_ERROR("DR array entry is not an array");
+        return -EINVAL;
+    }
+    size_t members = json_object_array_length(entry);
+    for (size_t i = 0; i < members; ++i) {
+        json_object *member = json_object_array_get_idx(entry, i);
+        // json-c turns strings, objects and null into 0 without reporting it: check the type.
+        errno = 0;
+        int64_t value = json_object_get_int64(member);
+        if (!json_object_is_type(member, json_type_int) || (value == 0 && errno == EINVAL)) {
+            LOG_ERROR("DR array member is not integer");
+            return -EINVAL;
+        }
+        switch (i) {
+        case 0: dr->sf = static_cast<int32_t>(value); break;
+        case 1: dr->bw = static_cast<int32_t>(value); break;
+        case 2: dr->dnonly = value != 0; break;
+        default:
+            LOG_ERROR("superfluous item with index [%d] reached in the DR array", static_cast<int>(i));
+            return -1;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+uint64_t lns_now_ms() {
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    return static_cast<uint64_t>(tv.tv_sec) * 1000ULL + static_cast<uint64_t>(tv.tv_usec) / 1000ULL;
+}
+
+// ---- time reference ------------------------------------------------------------------
+
+void lns_muxtime_set(bridge_bstn_lns_ctx *ctx, double new_muxtime) {
+    BRIDGE_ASSERT(ctx != NULL);
+    BRIDGE_ASSERT(new_muxtime > 0.0);
+    ctx->muxtime = static_cast<uint64_t>(new_muxtime * 1000.0);
+    ctx->reftime = lns_now_ms();
+    LOG_TRACE("MuxTime received: %lf -> %llu, reftime: %llu", new_muxtime,
+              static_cast<unsigned long long>(ctx->muxtime), static_cast<unsigned long long>(ctx->reftime));
+}
+
+void lns_muxtime_from_msg(bridge_bstn_lns_ctx *ctx, json_object *msg) {
+    BRIDGE_ASSERT(ctx != NULL);
+    BRIDGE_ASSERT(msg != NULL);
+    double muxtime = -1.0;
+    const bridge_json_field frame[] = {{"MuxTime", json_type_double, 0, &muxtime, true}};
+    if (bridge_json_deserialize(msg, frame) != 0) {
+        LOG_TRACE("no MuxTime in the incoming message");
+        return;
+    }
+    if (muxtime > 0.0) lns_muxtime_set(ctx, muxtime);
+}
+
+// ---- handshake -----------------------------------------------------------------------
+
+int lns_version_exchange(bridge_bstn_lns_ctx *ctx, bool use_backup) {
+    BRIDGE_ASSERT(ctx != NULL);
+    const bridge_cfg_root *cfg = bridge_config_get_root();
+    BRIDGE_ASSERT(cfg);
+    bridge_json_ptr req(json_object_new_object());
+    if (!req) {
+        LOG_ERROR("failed to allocate JSON object");
+        return -1;
+    }
+    const char *msgtype = "version";
+    const int64_t protocol = 2;
+    const bridge_json_out_field frame[] = {
+        {"msgtype", json_type_string, static_cast<uint32_t>(strlen(msgtype)), msgtype, nullptr},
+        {"station", json_type_string, static_cast<uint32_t>(strlen(cfg->general.name)), cfg->general.name, nullptr},
+        {"firmware", json_type_string, static_cast<uint32_t>(strlen(cfg->general.fw_version)),
+         cfg->general.fw_version, nullptr},
+        {"package", json_type_string, static_cast<uint32_t>(strlen(cfg->general.package)), cfg->general.package,
+         nullptr},
+        {"model", json_type_string, static_cast<uint32_t>(strlen(cfg->general.model)), cfg->general.model, nullptr},
+        {"protocol", json_type_int, 0, &protocol, nullptr},
+    };
+    int rc = bridge_json_serialize(req.get(), frame);
+    if (rc != 0) return rc;
+    const char *body = json_object_to_json_string(req.get());
+    LOG_DEBUG("LNS request version configuration body: %s", body);
+
+    json_object *resp_raw = nullptr;
+    rc = lns_request(ctx, "", body, &resp_raw, use_backup, false);
+    if (rc != 0) return rc;
+    BRIDGE_ASSERT(resp_raw);
+    bridge_json_ptr resp(resp_raw);
+
+    json_object *dr_arr = nullptr;
+    if (!json_object_object_get_ex(resp.get(), "DRs", &dr_arr) || !json_object_is_type(dr_arr, json_type_array)) {
+        LOG_ERROR("no DRs array found in the response");
+        return -1;
+    }
+    BRIDGE_ASSERT(dr_arr);
+
+    lns_lock(ctx);
+    lns_muxtime_from_msg(ctx, resp.get());
+    memset(ctx->drs, 0, sizeof(ctx->drs));
+    ctx->drs_count = 0;
+    size_t entries = json_object_array_length(dr_arr);
+    int status = 0;
+    size_t stored = 0;
+    for (size_t i = 0; i < entries; ++i) {
+        if (stored == LNS_DRS_MAX) {
+            LOG_ERROR("too much datarate items received in the response, max: [%zu]", LNS_DRS_MAX);
+            status = 1;
+            break;
+        }
+        bridge_bstn_lns_dr *dr = &ctx->drs[stored];
+        status = lns_read_dr_entry(json_object_array_get_idx(dr_arr, i), dr);
+        if (status != 0) break;
+        LOG_DEBUG("allowed DR item received - SF: [%d], BW: [%d], dnonly: [%d]", dr->sf, dr->bw, dr->dnonly);
+        ++stored;
+    }
+    if (status == 0)
+        ctx->drs_count = static_cast<int32_t>(stored);
+    else
+        memset(ctx->drs, 0, sizeof(ctx->drs));
+    lns_unlock(ctx);
+    return status;
+}
+
+// ---- received messages ---------------------------------------------------------------
+
+int lns_handle_message(bridge_bstn_lns_ctx *ctx, const char *data) {
+    BRIDGE_ASSERT(ctx != NULL);
+    BRIDGE_ASSERT(data != NULL);
+    bridge_json_ptr msg(json_tokener_parse(data));
+    if (!msg) {
+        LOG_ERROR("failed to parse downlink JSON");
+        return -1;
+    }
+    char msgtype[LNS_MSGTYPE_SZ] = {};
+    const bridge_json_field frame[] = {{"msgtype", json_type_string, sizeof(msgtype), msgtype, false}};
+    int rc = bridge_json_deserialize(msg.get(), frame);
+    if (rc != 0) {
+        LOG_ERROR("failed to de-serialize downlink");
+        return rc;
+    }
+    for (const auto &h : lns_msg_handlers) {
+        if (h.msgtype == msgtype) return h.handle(ctx, msg.get());
+    }
+    LOG_TRACE("skipping non-downlink message with a type: %s", msgtype);
+    return 0;
+}
+
+int lns_handle_dnmsg(bridge_bstn_lns_ctx *ctx, json_object *single_downlink) {
+    BRIDGE_ASSERT(ctx != NULL);
+    BRIDGE_ASSERT(single_downlink != NULL);
+    char dev_eui[LNS_DEVEUI_SZ] = {};
+    int64_t diid = 0, dc = 0, xtime = -1, gpstime = -1, dr = -1, freq = -1;
+    int64_t rx1_dr = -1, rx1_freq = -1, rx2_dr = -1, rx2_freq = -1, rx_delay = 1, rctx = 0;
+    double muxtime = -1.0;
+    const bridge_json_field frame[] = {
+        {"DevEui", json_type_string, sizeof(dev_eui), dev_eui, false},
+        {"diid", json_type_int, 0, &diid, false},
+        {"dC", json_type_int, 0, &dc, false},
+        {"xtime", json_type_int, 0, &xtime, true},
+        {"gpstime", json_type_int, 0, &gpstime, true},
+        {"DR", json_type_int, 0, &dr, true},
+        {"Freq", json_type_int, 0, &freq, true},
+        {"RX1DR", json_type_int, 0, &rx1_dr, true},
+        {"RX1Freq", json_type_int, 0, &rx1_freq, true},
+        {"RX2DR", json_type_int, 0, &rx2_dr, true},
+        {"RX2Freq", json_type_int, 0, &rx2_freq, true},
+        {"MuxTime", json_type_double, 0, &muxtime, true},
+        {"RxDelay", json_type_int, 0, &rx_delay, true},
+        {"rctx", json_type_int, 0, &rctx, true},
+    };
+    int rc = bridge_json_deserialize(single_downlink, frame);
+    if (rc != 0) {
+        LOG_ERROR("failed to de-serialize downlink");
+        return rc;
+    }
+    if (xtime == -1 && gpstime == -1) {
+        LOG_ERROR("xtime and gpstime both missing from incoming packet");
+        return 0;
+    }
+    int64_t tx_time = gpstime;
+    if (xtime != -1) tx_time = xtime + (rx_delay == 0 ? 1 : rx_delay) * LNS_US_PER_S;
+
+    const bool rx1_usable = rx1_dr != -1 && rx1_freq != -1;
+    const bool rx2_usable = rx2_dr != -1 && rx2_freq != -1;
+    switch (dc) {
+    case 0: // class A: RX2 when offered, one second after RX1
+        if (rx2_usable) {
+            dr = rx2_dr;
+            freq = rx2_freq;
+            tx_time += LNS_US_PER_S;
+        } else if (rx1_usable) {
+            dr = rx1_dr;
+            freq = rx1_freq;
+        } else {
+            LOG_ERROR("no suitable DR index found in the class-A downlink");
+            return 0;
+        }
+        break;
+    case 2: // class C
+        if (rx1_usable) {
+            dr = rx1_dr;
+            freq = rx1_freq;
+        } else if (rx2_usable) {
+            dr = rx2_dr;
+            freq = rx2_freq;
+        } else {
+            LOG_ERROR("no suitable DR index found in the class-C downlink");
+            return 0;
+        }
+        break;
+    case 1: // class B: DR and Freq as given
+        break;
+    default:
+        LOG_ERROR("no suitable dC (downlink type) found");
+        return 0;
+    }
+    if (dr < 0 || dr >= ctx->drs_count) {
+        LOG_ERROR("invalid DR index: [%lld]", static_cast<long long>(dr));
+        return 0;
+    }
+
+    char dr_text[LNS_DR_TEXT_SZ];
+    snprintf(dr_text, sizeof(dr_text), "SF%dBW%d", ctx->drs[dr].sf, ctx->drs[dr].bw);
+    const bridge_json_out_field out[] = {
+        {"DR", json_type_string, static_cast<uint32_t>(strlen(dr_text)), dr_text, nullptr},
+        {"Freq", json_type_int, 0, &freq, nullptr},
+    };
+    rc = bridge_json_serialize(single_downlink, out);
+    if (rc != 0) return rc;
+    const char *new_data = json_object_to_json_string(single_downlink);
+    BRIDGE_ASSERT(new_data);
+    LOG_TRACE("processed downlink message: %s\n", new_data);
+    BRIDGE_ASSERT(ctx->downlink_cb);
+    ctx->downlink_cb(0, ctx->downlink_cb_arg, new_data, strlen(new_data) + 1);
+
+    bridge_json_ptr dntxed(json_object_new_object());
+    if (!dntxed) {
+        LOG_ERROR("failed to allocate JSON object");
+        return -1;
+    }
+    const char *msgtype = "dntxed";
+    const int64_t txtime = static_cast<int64_t>(time(nullptr));
+    const bridge_json_out_field dntxed_frame[] = {
+        {"msgtype", json_type_string, static_cast<uint32_t>(strlen(msgtype)), msgtype, nullptr},
+        {"DevEui", json_type_string, static_cast<uint32_t>(strlen(dev_eui)), dev_eui, nullptr},
+        {"rctx", json_type_int, 0, &rctx, nullptr},
+        {"xtime", json_type_int, 0, &tx_time, nullptr},
+        {"diid", json_type_int, 0, &diid, nullptr},
+        {"txtime", json_type_int, 0, &txtime, nullptr},
+    };
+    rc = bridge_json_serialize(dntxed.get(), dntxed_frame);
+    if (rc != 0) return rc;
+    struct lws_ring *ring = ctx->buffers.uplink_ring;
+    LOG_TRACE("uplink ringbuffer free elements: %zu", lws_ring_get_count_free_elements(ring));
+    LOG_TRACE("uplink ringbuffer waiting elements: %zu", lws_ring_get_count_waiting_elements(ring, nullptr));
+    int status = lns_ring_push_copy(ring, json_object_to_json_string(dntxed.get()));
+    if (status == 0) {
+        if (muxtime > 0.0) lns_muxtime_set(ctx, muxtime);
+        BRIDGE_ASSERT(ctx->lws_conn != NULL);
+        if (!ctx->conn_closed) lws_callback_on_writable(ctx->lws_conn);
+    }
+    return status;
+}
+
+// ---- session -------------------------------------------------------------------------
+
+int bridge_bstn_lns_start() {
+    BRIDGE_ASSERT(lns.inited);
+    lns.stop_processing = false;
+    int status = lns_connect(&lns, false);
+    if (status == 0) status = lns_version_exchange(&lns, false);
+    if (status != 0) {
+        // The open connection, if any, is left for bridge_bstn_lns_stop.
+        res_init();
+        sleep(lns_retry_pause_secs);
+        return status;
+    }
+    status = lns_main_loop(&lns);
+    lns_ws_disconnect(&lns);
+    if (status == 0) return 0;
+    res_init();
+    return status;
+}
+
+void bridge_bstn_lns_downlink_subscribe(bridge_bstn_lns_downlink_cb cb, void *arg) {
+    BRIDGE_ASSERT(lns.inited);
+    LOG_TRACE("subscribing for LNS downlink events");
+    lns_lock(&lns);
+    lns.downlink_cb = cb;
+    lns.downlink_cb_arg = arg;
+    lns_unlock(&lns);
+}
+
+void bridge_bstn_lns_downlink_unsubscribe() {
+    BRIDGE_ASSERT(lns.inited);
+    LOG_TRACE("unsubscribing for LNS downlink events");
+    lns_lock(&lns);
+    lns.downlink_cb = nullptr;
+    lns.downlink_cb_arg = nullptr;
+    lns_unlock(&lns);
+}
+
+// ---- uplink push ---------------------------------------------------------------------
+
+int bridge_bstn_lns_uplink_push(json_object *lns_uplink) {
+    BRIDGE_ASSERT(lns_uplink);
+    if (!lns.inited) {
+        LOG_DEBUG("LNS service is in transition state, skipping uplink...");
+        return 0;
+    }
+    json_object *dr_obj = nullptr;
+    bool rc = json_object_object_get_ex(lns_uplink, "DR", &dr_obj);
+    BRIDGE_ASSERT(rc == true);
+    BRIDGE_ASSERT(dr_obj);
+    const char *bw_sf_str = json_object_get_string(dr_obj);
+    BRIDGE_ASSERT(bw_sf_str);
+    LOG_TRACE("SF/BW string: %s", bw_sf_str);
+    int sf = 0, bw = 0;
+    if (sscanf(bw_sf_str, "SF%dBW%d", &sf, &bw) != 2) {
+        LOG_ERROR("invalid SF/BW string: %s", bw_sf_str);
+        return 0;
+    }
+
+    lns_lock(&lns);
+    int index = -1;
+    for (int i = 0; i < lns.drs_count; ++i) {
+        if (lns.drs[i].sf == sf && lns.drs[i].bw == bw && !lns.drs[i].dnonly) {
+            index = i;
+            LOG_DEBUG("DR index found: [%d]", index);
+            break;
+        }
+    }
+    int status = 0;
+    if (lns.lws_conn == NULL) {
+        LOG_DEBUG("LNS service is initialized, but connection is not yet established, skipping uplink...");
+    } else if (index < 0) {
+        LOG_ERROR("no matching DR found for SF [%#x] and BW [%#x]", static_cast<unsigned>(sf),
+                  static_cast<unsigned>(bw));
+    } else {
+        json_object *dr_idx = json_object_new_int(index);
+        if (!dr_idx) {
+            LOG_ERROR("failed to allocate DR JSON object");
+            status = -1;
+        } else {
+            json_object_object_add(lns_uplink, "DR", dr_idx);
+            if (lns.muxtime != 0) {
+                double reftime = static_cast<double>(lns.muxtime + lns_now_ms() - lns.reftime) / 1000.0;
+                LOG_TRACE("uplink reftime: %lf", reftime);
+                json_object *ref_obj = json_object_new_double(reftime);
+                if (!ref_obj)
+                    LOG_WARN("failed to allocate reftime JSON object");
+                else
+                    json_object_object_add(lns_uplink, "RefTime", ref_obj);
+            }
+            const char *text = json_object_to_json_string(lns_uplink);
+            LOG_TRACE("processing uplink LNS packet: %s", text);
+            struct lws_ring *ring = lns.buffers.uplink_ring;
+            LOG_TRACE("uplink ringbuffer free elements: %zu", lws_ring_get_count_free_elements(ring));
+            LOG_TRACE("uplink ringbuffer waiting elements: %zu", lws_ring_get_count_waiting_elements(ring, nullptr));
+            status = lns_ring_push_copy(ring, text);
+            lws_cancel_service(lns.ws_ctx);
+        }
+    }
+    lns_unlock(&lns);
+    return status;
+}
