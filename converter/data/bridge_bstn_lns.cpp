@@ -392,6 +392,8 @@ int lns_ws_callback(struct lws *wsi, enum lws_callback_reasons reason, void *use
             LOG_DEBUG("WSI destroyed, notifying outer loop to stop processing");
             ctx->stop_processing = true;
             ctx->conn_closed = true;
+        } else {
+            LOG_TRACE("WS event: %d", static_cast<int>(reason));
         }
         break;
     case LWS_CALLBACK_EVENT_WAIT_CANCELLED:
