@@ -133,6 +133,27 @@ def test_bad_datagrams_are_dropped_without_reply():
     check(stack.bridge.alive(), "bridge died")
 
 
+def test_burst_acknowledges_exactly_what_was_queued():
+    # 200 back-to-back PUSH_DATA overrun the LNS client's 16-slot uplink ring; an uplink that
+    # cannot be queued must not be acknowledged, so the forwarder's own statistics stay true.
+    fwd = stack.fwd
+    mark, lmark = fwd.mark(), stack.lns.mark()
+    sent = [stack.uplink() for _ in range(200)]
+    # Everything queued has reached the LNS once an uplink sent after the burst has.
+    time.sleep(0.2)
+    after = stack.uplink()
+    check(stack.lns_uplink(after, 10, lmark) is not None, "the session did not survive the burst")
+    arrived = {e["msg"]["FCnt"] for e in stack.lns.find(
+        lambda e: e.get("event") == "recv" and e.get("msg", {}).get("msgtype") == "updf", lmark)}
+    acked = {e["token"] for e in fwd.find(lambda e: e.get("kind") == "push_ack", mark)}
+    wrong = [s["fcnt"] for s in sent if (s["token"] in acked) != ((s["fcnt"] & 0xFFFF) in arrived)]
+    check(not wrong, "acknowledged but not at the LNS, or the other way round: FCnt %r" % wrong[:10])
+    dropped = sum(1 for s in sent if s["token"] not in acked)
+    log = stack.bridge.log_text()
+    check(log.count("failed to send message to LNS") >= dropped, "dropped uplinks not logged")
+    print("  burst: %d of 200 queued, %d refused (uplink ring full)" % (200 - dropped, dropped))
+
+
 if __name__ == "__main__":
     e2e.run_tests([
         test_uplinks_wait_for_the_stat_count,
@@ -140,4 +161,5 @@ if __name__ == "__main__":
         test_batched_rxpk_arrive_in_order,
         test_acknowledgements_echo_tokens_and_versions,
         test_bad_datagrams_are_dropped_without_reply,
+        test_burst_acknowledges_exactly_what_was_queued,
     ], stack)
