@@ -172,6 +172,21 @@ def proc_status(pid, key):
     return 0
 
 
+def udp_drops(port):
+    """Datagrams the kernel dropped on the bridge's own UDP socket (receive buffer full)."""
+    with open("/proc/net/udp") as f:
+        for line in f.readlines()[1:]:
+            fields = line.split()
+            if int(fields[1].split(":")[1], 16) == port:
+                return int(fields[-1])
+    return 0
+
+
+def loadavg():
+    with open("/proc/loadavg") as f:
+        return float(f.read().split()[0])
+
+
 def rss_by_mapping(pid, top=6):
     """Resident kB per mapped file (or [anon]/[heap]/[stack]), largest first."""
     out, name = {}, "[anon]"
@@ -259,6 +274,7 @@ class Bench:
         time.sleep(settle)
         cpu_b1, cpu_l1 = proc_cpu(self.bridge.proc.pid), proc_cpu(self.lns.pid)
         threads = thread_cpu(self.bridge.proc.pid)
+        drops = udp_drops(self.port)
         for t, v in threads0.items():
             if t in threads:
                 threads[t] -= v
@@ -284,7 +300,7 @@ class Bench:
             "max": lat[-1] if lat else float("nan"), "bridge_cpu": cpu_b1 - cpu_b0, "lns_cpu": cpu_l1 - cpu_l0,
             "duration": elapsed, "hwm_kb": hwm, "xtime_zero": xtime_zero,
             "ring_full": errors.count("failed to insert a message into the ringbuffer"),
-            "threads": threads, "rss": rss,
+            "threads": threads, "rss": rss, "udp_drops": drops, "load": loadavg(),
         }
         r["cpu_per_1000"] = r["bridge_cpu"] / (r["sent"] / 1000.0)
         # Measuring side saturated: the sender fell behind its plan, or the LNS used a whole core.
@@ -305,14 +321,17 @@ class Bench:
             flags.append("Python LNS saturated (%.0f%% of a core)" % (r["lns_load"] * 100))
         if r["ring_full"]:
             flags.append("bridge uplink ring full %d times" % r["ring_full"])
+        if r["udp_drops"]:
+            flags.append("kernel dropped %d datagrams (receive buffer full)" % r["udp_drops"])
         split = ", ".join("%s %.3f s" % kv for kv in sorted(r["threads"].items()) if kv[1] > 0)
         print("%-22s rate %6s/s sent %6d arrived %6d lost %5d acks %6d achieved %7.0f/s | latency ms p50 %6.2f "
               "p99 %7.2f max %7.2f | bridge CPU %.3f s (%.4f s/1000) VmHWM %d kB%s"
               % (r["name"], r["rate"] or "burst", r["sent"], r["arrived"], r["lost"], r["acks"], r["achieved"],
                  r["p50"], r["p99"], r["max"], r["bridge_cpu"], r["cpu_per_1000"], r["hwm_kb"],
                  ("  [" + "; ".join(flags) + "]") if flags else ""))
-        print("%-22s bridge CPU by thread: %s; LNS process %.0f%% of a core; RssAnon %d kB RssFile %d kB"
-              % ("", split or "-", r["lns_load"] * 100, r["rss"]["RssAnon"], r["rss"]["RssFile"]), flush=True)
+        print("%-22s bridge CPU by thread: %s; LNS process %.0f%% of a core; RssAnon %d kB RssFile %d kB; "
+              "machine load average %.1f" % ("", split or "-", r["lns_load"] * 100, r["rss"]["RssAnon"],
+                                              r["rss"]["RssFile"], r["load"]), flush=True)
 
     def cleanup(self):
         if not self.keep:
@@ -362,6 +381,8 @@ def run_driver(args):
                                                                          args.search_seconds))
     print("  burst of 200 back-to-back: %d arrived, %d lost, %d ring-full drops, max latency %.2f ms"
           % (burst["arrived"], burst["lost"], burst["ring_full"], burst["max"]))
+    print("  machine load average during the phases: %s (other work on this machine shares its %d cores)"
+          % (", ".join("%.1f" % r["load"] for r in b.results), os.cpu_count()))
     limited = [r["name"] for r in b.results if r["sender_limited"] or r["lns_limited"]]
     if limited:
         print("  measuring side was the limit in: %s" % ", ".join(limited))
@@ -378,7 +399,7 @@ def main():
     p.add_argument("--sustained-seconds", type=int, default=30)
     p.add_argument("--search-seconds", type=float, default=5.0)
     p.add_argument("--search", type=lambda s: [int(x) for x in s.split(",")],
-                   default=[2000, 3000, 5000, 7000, 10000])
+                   default=[200, 500, 1000, 2000, 3000, 5000, 7000])
     # roles
     p.add_argument("--certs")
     p.add_argument("--out")
