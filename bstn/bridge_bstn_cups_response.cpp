@@ -144,7 +144,9 @@ int32_t bridge_bstn_cups_der_seq_len(const uint8_t *p, size_t left) {
     uint32_t len = 0;
     for (size_t i = 0; i < n; ++i) len = (len << 8) | p[2 + i];   // leading bytes shift out
     const auto total = static_cast<int32_t>(len + static_cast<uint32_t>(n) + 2u);
-    return total < 0 ? -1 : total;
+    // A sum that wrapped past 2^32 ends below the item's own header (even at 0,
+    // an empty item): as undecodable as a negative one.
+    return total < 0 || static_cast<size_t>(total) < n + 2 ? -1 : total;
 }
 
 int bridge_bstn_cups_store_credentials(const uint8_t *data, size_t sz, bool cups_set) {
