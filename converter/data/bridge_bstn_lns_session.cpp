@@ -83,7 +83,14 @@ uint64_t lns_now_ms() {
 void lns_muxtime_set(bridge_bstn_lns_ctx *ctx, double new_muxtime) {
     BRIDGE_ASSERT(ctx != NULL);
     BRIDGE_ASSERT(new_muxtime > 0.0);
-    ctx->muxtime = static_cast<uint64_t>(new_muxtime * 1000.0);
+    // The value comes from the LNS: milliseconds beyond 64 bits (or infinity) cannot
+    // be converted, so such a MuxTime leaves the time reference as it was.
+    const double ms = new_muxtime * 1000.0;
+    if (!(ms < 18446744073709551616.0)) {
+        LOG_WARN("ignoring MuxTime out of range: %lf", new_muxtime);
+        return;
+    }
+    ctx->muxtime = static_cast<uint64_t>(ms);
     ctx->reftime = lns_now_ms();
     LOG_TRACE("MuxTime received: %lf -> %llu, reftime: %llu", new_muxtime,
               static_cast<unsigned long long>(ctx->muxtime), static_cast<unsigned long long>(ctx->reftime));
@@ -225,8 +232,14 @@ int lns_handle_dnmsg(bridge_bstn_lns_ctx *ctx, json_object *single_downlink) {
         LOG_ERROR("xtime and gpstime both missing from incoming packet");
         return 0;
     }
+    // The LNS's numbers are untrusted: wrapping arithmetic keeps absurd values defined.
+    auto wrap_add = [](int64_t a, int64_t b) {
+        return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
+    };
     int64_t tx_time = gpstime;
-    if (xtime != -1) tx_time = xtime + (rx_delay == 0 ? 1 : rx_delay) * LNS_US_PER_S;
+    if (xtime != -1)
+        tx_time = wrap_add(xtime, static_cast<int64_t>(static_cast<uint64_t>(rx_delay == 0 ? 1 : rx_delay) *
+                                                       static_cast<uint64_t>(LNS_US_PER_S)));
 
     const bool rx1_usable = rx1_dr != -1 && rx1_freq != -1;
     const bool rx2_usable = rx2_dr != -1 && rx2_freq != -1;
@@ -235,7 +248,7 @@ int lns_handle_dnmsg(bridge_bstn_lns_ctx *ctx, json_object *single_downlink) {
         if (rx2_usable) {
             dr = rx2_dr;
             freq = rx2_freq;
-            tx_time += LNS_US_PER_S;
+            tx_time = wrap_add(tx_time, LNS_US_PER_S);
         } else if (rx1_usable) {
             dr = rx1_dr;
             freq = rx1_freq;
