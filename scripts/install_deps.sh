@@ -9,6 +9,7 @@ PKGS=(
   liburiparser-dev libtomlplusplus-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-websockets python3-cryptography openssl
+  clang-14 libclang-rt-14-dev
   ${KES_EXTRA_PKGS:-}
 )
 
