@@ -54,6 +54,9 @@ fi
 
 tests=ON
 [ "$with_tests" -eq 1 ] || tests=OFF
+# Test discovery at ctest time (PRE_TEST), not after each link: building then
+# never runs an ARM binary, and the listing runs under the same emulator as
+# the tests.
 cmake -S "$repo" -B "$build" \
   -DCMAKE_TOOLCHAIN_FILE="$repo/cmake/armhf-toolchain.cmake" \
   -DKES_ARMHF_SYSROOT="$sysroot" \
