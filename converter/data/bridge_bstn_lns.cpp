@@ -208,6 +208,10 @@ int lns_ws_connect(bridge_bstn_lns_ctx *ctx, const char *host, const char *path,
     if (rc == 0) {
         info.client_ssl_cert_filepath = cert;
         info.client_ssl_private_key_filepath = key;
+        // A token read for an earlier connection (e.g. the primary set) must not follow this one.
+        lns_lock(ctx);
+        ctx->token_auth = false;
+        lns_unlock(ctx);
     } else if (rc == -ENOENT) {
         LOG_DEBUG("LNS certificate is missing, switching to token-based auth...");
         lns_lock(ctx);

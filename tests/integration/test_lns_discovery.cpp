@@ -47,6 +47,18 @@ TEST_F(LnsDiscoveryTest, TakesReplyOfServerThatClosesRightAfterIt) {
     EXPECT_STREQ(json_object_to_json_string_ext(req.get(), JSON_C_TO_STRING_PLAIN), "{\"router\":\"0016c001ff10a235\"}");
 }
 
+TEST_F(LnsDiscoveryTest, TakesReplySentInOneRecordWithTheCloseFrame) {
+    Peer peer({"--discovery-coalesce"});
+    lns_test::configure(dir, peer.uri());
+    ASSERT_EQ(lns_ctx_init(&lns), 0);
+    kes_test::StderrCapture cap;
+    int rc = lns_discover(&lns, false);
+    std::string log = cap.stop();
+    ASSERT_EQ(rc, 0) << log;
+    EXPECT_STREQ(lns.lns_uri, expected_traffic_uri(peer).c_str());
+    EXPECT_EQ(log.find("WS loop stopped due to error, restart required"), std::string::npos) << log;
+}
+
 TEST_F(LnsDiscoveryTest, ReplyMuxTimeStartsTheTimeReference) {
     Peer peer({"--discovery-muxtime"});
     lns_test::configure(dir, peer.uri());
@@ -120,6 +132,20 @@ TEST_F(LnsDiscoveryTest, ServerRequiringClientCertificateRefusesTokenMode) {
     lns_test::configure_token(dir, "Authorization: Bearer s3cret-token\r\n");
     EXPECT_EQ(bridge_bstn_lns_init_discovery(BRIDGE_LOG_INFO, false), LNS_STATUS_RESTART_REQUIRED);
     EXPECT_FALSE(peer.wait_named("connected", 500));
+}
+
+TEST_F(LnsDiscoveryTest, BackupCertificateSetSendsNoTokenOfThePrimary) {
+    Peer peer; // --auth cert: the primary token set fails the TLS handshake
+    lns_test::configure(dir, peer.uri(), peer.uri());
+    kes_test::write_file(dir.file("tc.key"), "Authorization: Bearer primary-token\r\n");
+    bridge_cfg_root *cfg = bridge_config_get_root();
+    lns_test::set_text(cfg->lns.cert, dir.file("missing.crt"));
+    lns_test::set_text(cfg->lns.key, dir.file("tc.key"));
+    ASSERT_EQ(bridge_bstn_lns_init_discovery(BRIDGE_LOG_INFO, false), 0);
+    bridge_json_ptr connected = peer.wait_named("connected");
+    ASSERT_TRUE(connected);
+    EXPECT_EQ(Peer::str(connected.get(), "authorization"), "");
+    EXPECT_FALSE(lns.token_auth);
 }
 
 TEST_F(LnsDiscoveryTest, TokenLongerThanItsBufferFailsTheConnectStep) {

@@ -142,7 +142,13 @@ TEST_F(LnsSessionTest, UplinkCarriesDataRateIndexAndRefTime) {
     }
     // A timesync brings MuxTime; later uplinks carry it forward by the local time elapsed.
     peer->command(R"({"cmd":"send","msg":{"msgtype":"timesync","MuxTime":1700000000.5,"xtime":1,"gpstime":2}})");
-    for (int i = 0; i < 100 && lns.muxtime == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    for (int i = 0; i < 100; ++i) {
+        lns_lock(&lns);
+        bool got_muxtime = lns.muxtime != 0;
+        lns_unlock(&lns);
+        if (got_muxtime) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
     bridge_json_ptr got = push_uplink(R"({"msgtype":"updf","DR":"SF8BW125","Freq":868300000})");
     ASSERT_TRUE(got);

@@ -17,12 +17,15 @@ Command line:
   --token TEXT             expected Authorization header value, e.g. "Bearer secret"
   --ping-interval S        seconds between server pings (default 60; 0 disables pings)
   --ping-timeout S         drop a client that has not answered a ping within S seconds (default 5)
-  --router-config FILE     text sent verbatim as the answer to `version` (default: built-in EU868
-                           router_config with 16 DRs and MuxTime)
+  --router-config FILE     text sent verbatim as the answer to `version`, re-read for every
+                           connection, so it may also hold a bad router_config (default: built-in
+                           EU868 router_config with 16 DRs and MuxTime)
   --no-muxtime             leave MuxTime out of the built-in router_config and discovery reply
   --discovery-muxtime      add MuxTime to the discovery reply
   --no-discovery-close     keep the discovery connection open after the reply (--discovery-close,
                            the default, closes it right after the reply)
+  --discovery-coalesce     write the router-info reply and the close frame in one TLS record, so
+                           that the client reads both at once
   --discovery-no-uri       answer router-info without a `uri` member
   --discovery-double       send the router-info reply twice before closing
   --stall-discovery        never answer router-info (the connection stays open)
@@ -49,7 +52,7 @@ Standard input, one JSON command per line, acting on the current (latest) traffi
   {"cmd":"send_raw","text":"..."} send the text as is
   {"cmd":"close"}                 close the traffic connection (close frame, code 1000)
   {"cmd":"refuse","on":true}      refuse (HTTP 403) or accept again every new connection
-The process runs until it is killed (SIGTERM) or its stdin reaches end of file.
+The process runs until it is killed (SIGTERM or SIGINT); the end of stdin only ends the commands.
 """
 
 import argparse
@@ -59,10 +62,12 @@ import os
 import signal
 import ssl
 import sys
+import threading
 import time
 from http import HTTPStatus
 
 import websockets
+from websockets.frames import Close, Frame, Opcode
 
 DEFAULT_DRS = ([[12, 125, 0], [11, 125, 0], [10, 125, 0], [9, 125, 0], [8, 125, 0], [7, 125, 0],
                 [7, 250, 0], [0, 0, 0]] + [[-1, 0, 0]] * 8)
@@ -100,6 +105,16 @@ class Peer:
         return HTTPStatus.FORBIDDEN, [], (reason + "\n").encode()
 
     # ---- helpers ---------------------------------------------------------------------------
+    @staticmethod
+    async def send_coalesced(ws, msg, close):
+        data = Frame(Opcode.TEXT, json.dumps(msg).encode()).serialize(mask=False)
+        ws.transport.write(data + close.serialize(mask=False))
+        emit("sent", kind="discovery", msg=msg)
+        try:
+            await asyncio.wait_for(ws.wait_closed(), 5)
+        except asyncio.TimeoutError:
+            ws.transport.close()
+
     async def send(self, ws, kind, msg):
         await ws.send(json.dumps(msg))
         emit("sent", kind=kind, msg=msg)
@@ -167,10 +182,16 @@ class Peer:
             reply["uri"] = "wss://127.0.0.1:%d/traffic/%s" % (self.port, router)
         if self.args.discovery_muxtime:
             reply["MuxTime"] = round(time.time(), 6)
-        await self.send(ws, "discovery", reply)
+        if not self.args.discovery_coalesce:
+            await self.send(ws, "discovery", reply)
         if self.args.discovery_double:
             await self.send(ws, "discovery", reply)
-        if self.args.discovery_close:
+        if self.args.discovery_coalesce:
+            # Reply and close frame in one write (one TLS record): the client meets both in
+            # the same read.
+            close = Frame(Opcode.CLOSE, Close(1000, "").serialize())
+            await self.send_coalesced(ws, reply, close)
+        elif self.args.discovery_close:
             await ws.close()
 
     async def on_traffic(self, ws, msg):
@@ -215,18 +236,23 @@ class Peer:
         except (websockets.ConnectionClosed, KeyError) as exc:
             emit("error", error="%s failed: %r" % (name, exc))
 
-    async def read_stdin(self, stop):
+    async def read_stdin(self):
+        # A reader thread works for every kind of stdin (pipe, terminal, /dev/null, file).
         loop = asyncio.get_running_loop()
-        reader = asyncio.StreamReader()
-        await loop.connect_read_pipe(lambda: asyncio.StreamReaderProtocol(reader), sys.stdin)
+        lines = asyncio.Queue()
+
+        def reader():
+            for line in sys.stdin:
+                loop.call_soon_threadsafe(lines.put_nowait, line)
+            loop.call_soon_threadsafe(lines.put_nowait, None)
+
+        threading.Thread(target=reader, daemon=True).start()
         while True:
-            line = await reader.readline()
-            if not line:
-                break
+            line = await lines.get()
+            if line is None:
+                return  # end of commands; keep serving
             if line.strip():
-                await self.command(line.decode("utf-8", "replace"))
-        if not stop.done():
-            stop.set_result(None)
+                await self.command(line)
 
     async def run(self):
         a = self.args
@@ -245,7 +271,7 @@ class Peer:
                                     ping_timeout=a.ping_timeout, max_size=1 << 20) as server:
             self.port = server.sockets[0].getsockname()[1]
             print("READY %d" % self.port, flush=True)
-            stdin_task = asyncio.ensure_future(self.read_stdin(stop))
+            stdin_task = asyncio.ensure_future(self.read_stdin())
             await stop
             stdin_task.cancel()
 
@@ -261,6 +287,7 @@ def main():
     p.add_argument("--no-muxtime", action="store_true")
     p.add_argument("--discovery-muxtime", action="store_true")
     p.add_argument("--discovery-close", action=argparse.BooleanOptionalAction, default=True)
+    p.add_argument("--discovery-coalesce", action="store_true")
     p.add_argument("--discovery-no-uri", action="store_true")
     p.add_argument("--discovery-double", action="store_true")
     p.add_argument("--stall-discovery", action="store_true")

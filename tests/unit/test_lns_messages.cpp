@@ -295,6 +295,70 @@ TEST_F(LnsMessagesTest, DestroyOfHandleWithoutContextLeavesContextUntouched) {
     lns.conn_closed = true;
 }
 
+// Servers answer router-info and close at once. The library may deliver the reply and the
+// connection's destruction in one service call; the exchange must still take the reply.
+struct lws *g_conn;
+void receive_then_destroy(lws_sorted_usec_list_t *) {
+    static const char reply[] = R"({"uri":"wss://lns:1/traffic/gw"})";
+    lns_ws_callback(g_conn, LWS_CALLBACK_CLIENT_RECEIVE, &lns, const_cast<char *>(reply), strlen(reply));
+    lns_ws_callback(g_conn, LWS_CALLBACK_WSI_DESTROY, &lns, nullptr, 0);
+}
+
+TEST_F(LnsMessagesTest, ExchangeTakesReplyDeliveredWithTheDestroy) {
+    g_conn = pending_connection(lns.ws_ctx, &lns);
+    ASSERT_NE(g_conn, nullptr);
+    lns.lws_conn = g_conn;
+    lns.conn_closed = false;
+    lws_sorted_usec_list_t sul;
+    memset(&sul, 0, sizeof(sul));
+    lws_sul_schedule(lns.ws_ctx, 0, &sul, receive_then_destroy, 1);
+    kes_test::StderrCapture cap;
+    int rc = lns_ws_send_and_wait(&lns, "router-info", R"({"router":"gw"})");
+    std::string log = cap.stop();
+    EXPECT_EQ(rc, 0) << log;
+    EXPECT_TRUE(lns.stop_processing);
+    EXPECT_EQ(lws_ring_get_count_waiting_elements(lns.buffers.downlink_ring, nullptr), 1u);
+    EXPECT_EQ(log.find("WS loop stopped due to error, restart required"), std::string::npos) << log;
+    lws_sul_cancel(&sul);
+}
+
+void two_replies(lws_sorted_usec_list_t *) {
+    static const char reply[] = R"({"uri":"wss://lns:1/traffic/gw"})";
+    for (int i = 0; i < 2; ++i)
+        lns_ws_callback(g_conn, LWS_CALLBACK_CLIENT_RECEIVE, &lns, const_cast<char *>(reply), strlen(reply));
+}
+
+TEST_F(LnsMessagesTest, ExchangeRejectsTwoRepliesAndDiscardsBoth) {
+    g_conn = pending_connection(lns.ws_ctx, &lns);
+    ASSERT_NE(g_conn, nullptr);
+    lns.lws_conn = g_conn;
+    lns.conn_closed = false;
+    lws_sorted_usec_list_t sul;
+    memset(&sul, 0, sizeof(sul));
+    lws_sul_schedule(lns.ws_ctx, 0, &sul, two_replies, 1);
+    kes_test::StderrCapture cap;
+    int rc = lns_ws_send_and_wait(&lns, "router-info", R"({"router":"gw"})");
+    std::string log = cap.stop();
+    EXPECT_EQ(rc, -1) << log;
+    EXPECT_NE(log.find("unexpected elements waiting in a downlink queue: [2], expected: 1"), std::string::npos) << log;
+    EXPECT_EQ(lws_ring_get_count_waiting_elements(lns.buffers.downlink_ring, nullptr), 0u);
+    lws_sul_cancel(&sul);
+}
+
+TEST_F(LnsMessagesTest, ExchangeWithoutReplyAfterDestroyRequiresRestart) {
+    g_conn = pending_connection(lns.ws_ctx, &lns); // nothing listens: error, then destroy
+    ASSERT_NE(g_conn, nullptr);
+    lns.lws_conn = g_conn;
+    lns.conn_closed = false;
+    kes_test::StderrCapture cap;
+    int rc = lns_ws_send_and_wait(&lns, "router-info", R"({"router":"gw"})");
+    std::string log = cap.stop();
+    EXPECT_EQ(rc, LNS_STATUS_RESTART_REQUIRED) << log;
+    EXPECT_NE(log.find("WS client connection error: "), std::string::npos) << log;
+    EXPECT_NE(log.find("WS loop stopped due to error, restart required"), std::string::npos) << log;
+    EXPECT_TRUE(lns.conn_closed);
+}
+
 TEST_F(LnsMessagesTest, HandshakeHeaderAppendAndOverflow) {
     struct lws *wsi = pending_connection(lns.ws_ctx, nullptr);
     ASSERT_NE(wsi, nullptr);
