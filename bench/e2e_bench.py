@@ -172,16 +172,6 @@ def proc_status(pid, key):
     return 0
 
 
-def udp_drops(port):
-    """Datagrams the kernel dropped on the bridge's own UDP socket (receive buffer full)."""
-    with open("/proc/net/udp") as f:
-        for line in f.readlines()[1:]:
-            fields = line.split()
-            if int(fields[1].split(":")[1], 16) == port:
-                return int(fields[-1])
-    return 0
-
-
 def loadavg():
     with open("/proc/loadavg") as f:
         return float(f.read().split()[0])
@@ -274,7 +264,7 @@ class Bench:
         time.sleep(settle)
         cpu_b1, cpu_l1 = proc_cpu(self.bridge.proc.pid), proc_cpu(self.lns.pid)
         threads = thread_cpu(self.bridge.proc.pid)
-        drops = udp_drops(self.port)
+        drops = self.e2e.udp_drops(self.port)
         for t, v in threads0.items():
             if t in threads:
                 threads[t] -= v

@@ -43,6 +43,16 @@ def free_udp_port():
     return port
 
 
+def udp_drops(port):
+    """Datagrams the kernel dropped on the local UDP socket bound to `port` (receive buffer full)."""
+    with open("/proc/net/udp") as f:
+        for line in f.readlines()[1:]:
+            fields = line.split()
+            if int(fields[1].split(":")[1], 16) == port:
+                return int(fields[-1])
+    return 0
+
+
 def make_certs(directory):
     subprocess.run(["bash", os.path.join(PEERS_DIR, "make_certs.sh"), directory, GW_EUI], check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=120)
