@@ -243,8 +243,10 @@ size_t bridge_bstn_cups_write_cb(char *data, size_t size, size_t nmemb, void *us
     const size_t chunk = size * nmemb;
     LOG_TRACE("received response chunk with length: %zu", chunk);
 
+    // The total and its extra byte must fit the 32-bit count (and size_t on 32-bit ARM).
+    const bool fits = chunk < UINT32_MAX - ctx->resp_len;
     const size_t total = static_cast<size_t>(ctx->resp_len) + chunk;
-    void *grown = total < UINT32_MAX ? bridge_bstn_cups_realloc(ctx->resp_data.get(), total + 1) : nullptr;
+    void *grown = fits ? bridge_bstn_cups_realloc(ctx->resp_data.get(), total + 1) : nullptr;
     if (!grown) {
         // The earlier buffer stays owned by the context; returning a short count
         // makes libcurl abort the transfer, so a partial body is never applied.
