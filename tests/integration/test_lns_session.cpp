@@ -158,21 +158,6 @@ TEST_F(LnsSessionTest, UplinkCarriesDataRateIndexAndRefTime) {
     EXPECT_NEAR(json_object_get_double(ref), 1700000000.75, 0.2);
 }
 
-TEST_F(LnsSessionTest, UplinksOutsideTheTableAreDropped) {
-    start();
-    ASSERT_TRUE(wait_handshake());
-    for (const char *datr : {"SF7", "SF6BW125", "SF7BW500"}) {
-        bridge_json_ptr up = parse(std::string("{\"msgtype\":\"updf\",\"DR\":\"") + datr + "\"}");
-        kes_test::StderrCapture cap;
-        EXPECT_EQ(bridge_bstn_lns_uplink_push(up.get()), 0) << datr;
-        std::string log = cap.stop();
-        EXPECT_TRUE(log.find("invalid SF/BW string: SF7") != std::string::npos ||
-                    log.find("no matching DR found for SF [0x") != std::string::npos)
-            << log;
-    }
-    EXPECT_FALSE(peer->wait_recv("traffic", "updf", 500));
-}
-
 struct DownlinkRow {
     const char *name;
     const char *dnmsg;     // members after msgtype/DevEui/diid
@@ -187,18 +172,10 @@ TEST_F(LnsSessionTest, DownlinksPickWindowAndAreConfirmed) {
     const DownlinkRow rows[] = {
         {"class A with RX2", R"("dC":0,"xtime":1000000000,"RxDelay":1,"RX1DR":5,"RX1Freq":868100000,"RX2DR":0,"RX2Freq":869525000,"rctx":3)",
          "SF12BW125", 869525000, 1002000000},
-        {"class A RX1 only", R"("dC":0,"xtime":1000000000,"RxDelay":1,"RX1DR":5,"RX1Freq":868100000,"rctx":3)",
-         "SF7BW125", 868100000, 1001000000},
-        {"RxDelay 0 counts as 1", R"("dC":0,"xtime":1000000000,"RxDelay":0,"RX1DR":5,"RX1Freq":868100000,"rctx":3)",
-         "SF7BW125", 868100000, 1001000000},
-        {"RxDelay 5", R"("dC":0,"xtime":1000000000,"RxDelay":5,"RX1DR":2,"RX1Freq":868500000,"rctx":3)",
-         "SF10BW125", 868500000, 1005000000},
         {"class B by gpstime", R"("dC":1,"gpstime":1300000000123456,"DR":3,"Freq":869525000,"rctx":3)",
          "SF9BW125", 869525000, 1300000000123456},
         {"class C prefers RX1", R"("dC":2,"xtime":2000000,"RX1DR":6,"RX1Freq":868300000,"RX2DR":0,"RX2Freq":869525000,"rctx":3)",
          "SF7BW250", 868300000, 3000000},
-        {"class C RX2 only", R"("dC":2,"xtime":2000000,"RX2DR":0,"RX2Freq":869525000,"rctx":3)",
-         "SF12BW125", 869525000, 3000000},
     };
     int64_t diid = 100;
     for (const DownlinkRow &r : rows) {
@@ -260,27 +237,12 @@ TEST_F(LnsSessionTest, UnschedulableDownlinksAreDroppedAndSessionGoesOn) {
 }
 
 TEST_F(LnsSessionTest, MalformedMessageEndsTheSession) {
-    struct Row {
-        const char *text;
-        int status;
-    } rows[] = {
-        {"not json at all", -1},
-        {R"({"msgtype":"dnmsg","diid":1,"dC":0,"xtime":5})", -1}, // DevEui missing
-        {R"({"type":"dnmsg"})", -1},
-    };
-    for (const Row &r : rows) {
-        start();
-        ASSERT_TRUE(wait_handshake()) << r.text;
-        bridge_json_ptr cmd(json_object_new_object());
-        json_object_object_add(cmd.get(), "cmd", json_object_new_string("send_raw"));
-        json_object_object_add(cmd.get(), "text", json_object_new_string(r.text));
-        peer->command(json_object_to_json_string_ext(cmd.get(), JSON_C_TO_STRING_PLAIN));
-        EXPECT_EQ(session_result(), r.status) << r.text;
-        EXPECT_EQ(lns.ws_ctx, nullptr);
-        bridge_bstn_lns_downlink_unsubscribe();
-        bridge_bstn_lns_stop();
-        peer.reset();
-    }
+    start();
+    ASSERT_TRUE(wait_handshake());
+    peer->command(R"({"cmd":"send_raw","text":"not json at all"})");
+    EXPECT_EQ(session_result(), -1);
+    EXPECT_EQ(lns.ws_ctx, nullptr);
+    EXPECT_EQ(lns.lws_conn, nullptr);
 }
 
 TEST_F(LnsSessionTest, ServerCloseEndsTheSessionNormally) {
