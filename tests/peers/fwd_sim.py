@@ -10,7 +10,8 @@ time base. Everything sent and received is recorded with time.monotonic() timest
 
 As a module:  sim = FwdSim(bridge_port); sim.start(); sim.send_stat(); sim.send_uplink(...)
 As a program: fwd_sim.py --bridge-port P [options]; prints "READY <pull_port>" and then one JSON
-line per event (sent/recv), runs until --duration ends, SIGTERM or end of standard input.
+line per event (sent/recv); runs for --duration seconds, or (without it) until SIGTERM or the end
+of standard input.
 """
 
 import argparse
@@ -315,17 +316,24 @@ def main():
     p.add_argument("--datr", default="SF7BW125")
     args = p.parse_args()
 
+    out_lock = threading.Lock()
+
     def show(ev):
-        sys.stdout.write(json.dumps(ev, default=str) + "\n")
-        sys.stdout.flush()
+        with out_lock:
+            sys.stdout.write(json.dumps(ev, default=str) + "\n")
+            sys.stdout.flush()
 
     sim = FwdSim(args.bridge_port, version=args.version, eui=bytes.fromhex(args.eui), on_event=show)
     stop = threading.Event()
     signal.signal(signal.SIGTERM, lambda *_: stop.set())
     signal.signal(signal.SIGINT, lambda *_: stop.set())
-    threading.Thread(target=lambda: (sys.stdin.read(), stop.set()), daemon=True).start()
+    if args.duration <= 0:
+        threading.Thread(target=lambda: (sys.stdin.read(), stop.set()), daemon=True).start()
+    show_ready = "READY %d\n" % sim.pull_port
+    with out_lock:
+        sys.stdout.write(show_ready)
+        sys.stdout.flush()
     sim.start(keepalive=args.keepalive)
-    print("READY %d" % sim.pull_port, flush=True)
 
     end = time.monotonic() + args.duration if args.duration > 0 else None
     next_stat = time.monotonic()
