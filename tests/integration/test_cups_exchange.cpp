@@ -510,6 +510,21 @@ TEST_F(CupsExchange, MissingBackupSetAfterRefusalEndsTheBootstrap) {
     EXPECT_EQ(bootstrap(), -ENOENT);
     EXPECT_TRUE(logged("missing mandatory key file " + std::string(cups().key_backup) + " from backup set")) << log;
     EXPECT_EQ(records().size(), 1u);
+    // The empty 401 body is classified without a dump.
+    EXPECT_TRUE(logged("CUPS response code: 401"));
+    EXPECT_FALSE(logged("0x000000: ")) << log;
+}
+
+TEST_F(CupsExchange, CertificateFileSelectsKeypairModeOverAToken) {
+    start_peer({});
+    token_set(false, "Authorization: Bearer main");
+    write_file(cups().cert, cert_file("client.pem"));
+    write_file(cups().uri, base());
+    EXPECT_EQ(bootstrap(), STOP);
+    EXPECT_TRUE(logged("using TLS keypair for client auth"));
+    EXPECT_FALSE(logged("constructed auth header"));
+    EXPECT_TRUE(logged("CURL request failed: [0x3a]")) << log;   // the token is no private key
+    EXPECT_EQ(delays, std::vector<unsigned>{15});
 }
 
 } // namespace
