@@ -48,16 +48,9 @@ void lns_ring_flush(struct lws_ring *ring) {
         lws_ring_consume(ring, nullptr, nullptr, 1);
 }
 
-void lns_log_ring_counts(struct lws_ring *ring, const char *name) {
-    size_t free_elems = lws_ring_get_count_free_elements(ring);
-    size_t waiting = lws_ring_get_count_waiting_elements(ring, nullptr);
-    if (strcmp(name, "uplink") == 0) {
-        LOG_TRACE("uplink ringbuffer free elements: %zu", free_elems);
-        LOG_TRACE("uplink ringbuffer waiting elements: %zu", waiting);
-    } else {
-        LOG_TRACE("downlink ringbuffer free elements: %zu", free_elems);
-        LOG_TRACE("downlink ringbuffer waiting elements: %zu", waiting);
-    }
+void lns_log_downlink_counts(struct lws_ring *ring) {
+    LOG_TRACE("downlink ringbuffer free elements: %zu", lws_ring_get_count_free_elements(ring));
+    LOG_TRACE("downlink ringbuffer waiting elements: %zu", lws_ring_get_count_waiting_elements(ring, nullptr));
 }
 
 int64_t lns_monotonic_ms() {
@@ -461,7 +454,7 @@ int lns_ws_send_and_wait(bridge_bstn_lns_ctx *ctx, const char *path, const char 
         return LNS_STATUS_RESTART_REQUIRED;
     }
     LOG_TRACE("WS service returned: [%d]", status);
-    lns_log_ring_counts(ctx->buffers.downlink_ring, "downlink");
+    lns_log_downlink_counts(ctx->buffers.downlink_ring);
     if (waiting != 1) {
         LOG_ERROR("unexpected elements waiting in a downlink queue: [%zu], expected: 1", waiting);
         lns_ring_flush(ctx->buffers.downlink_ring);
@@ -492,7 +485,7 @@ int lns_main_loop(bridge_bstn_lns_ctx *ctx) {
         struct lws_ring *ring = ctx->buffers.downlink_ring;
         bool handled = false;
         for (size_t waiting = lws_ring_get_count_waiting_elements(ring, nullptr); waiting > 0; --waiting) {
-            lns_log_ring_counts(ring, "downlink");
+            lns_log_downlink_counts(ring);
             auto *msg = static_cast<const bridge_bstn_lns_ring_msg *>(lws_ring_get_element(ring, nullptr));
             if (!msg) {
                 LOG_ERROR("failed to extract element from downlink queue");
