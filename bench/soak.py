@@ -6,7 +6,8 @@ Checks at the end:
   * every uplink sent was acknowledged (PUSH_ACK) and reached the LNS exactly once,
     identified by (DevAddr, FCnt): DevAddr carries the high bits of the sequence number;
   * every dnmsg the LNS sent came back as a dntxed and reached the simulator as a PULL_RESP;
-  * the bridge never restarted its session and its resident set (VmRSS) grew by less than
+  * the bridge never restarted its session (drops, if any, are listed by the second in which
+    the uplink ring was full) and its resident set (VmRSS) grew by less than
     --max-rss-growth percent between the sample taken after the warm-up and the last one.
 
 Prints one line per RSS sample and a summary; writes the summary as JSON to --json when given.
@@ -175,6 +176,11 @@ def main():
         log = stack.bridge.log_text()
         rss0, rss1 = samples[0][1], samples[-1][1]
         growth = 100.0 * (rss1 - rss0) / rss0 if rss0 else 0.0
+        # Where uplinks were dropped: seconds in which the uplink ring was full.
+        bursts = {}
+        for line in log.splitlines():
+            if "failed to insert a message into the ringbuffer" in line:
+                bursts[line[:19]] = bursts.get(line[:19], 0) + 1
         summary = {
             "duration_s": round(elapsed, 1), "rate_per_s": args.rate, "uplinks_sent": sent,
             "achieved_rate_per_s": round(sent / elapsed, 1), "push_ack": acked, "uplinks_at_lns": len(got),
@@ -184,6 +190,8 @@ def main():
             "rss_samples": samples, "bridge_alive": stack.bridge.alive(),
             "restarts": log.count("restarting Basic Station in 20 seconds..."),
             "error_lines": sum(1 for line in log.splitlines() if "ERROR" in line),
+            "uplink_ring_full": sum(bursts.values()), "ring_full_by_second": bursts,
+            "loadavg_end": open("/proc/loadavg").read().split()[:3],
             "reconnections": len(stack.lns.find(lambda e: e.get("event") == "connected"
                                                        and e.get("kind") == "traffic", lns_mark)),
         }

@@ -15,6 +15,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import traceback
 
 import e2e_common as e2e
 from e2e_common import check  # noqa: F401  (re-exported for the tests)
@@ -331,3 +332,23 @@ def run_tests(tests, stacks):
                     print("bridge log kept: %s" % st.bridge.log_path)
             st.down()
         raise
+
+
+def run_parallel(*scenarios):
+    """Runs independent scenarios (functions without arguments, each with its own stack) at the
+    same time so that their long pauses overlap; re-raises the first failure after all ended."""
+    errors = []
+
+    def body(fn):
+        try:
+            fn()
+        except Exception as exc:  # collected, reported below
+            errors.append((fn.__name__, exc))
+            traceback.print_exc()
+    threads = [threading.Thread(target=body, args=(fn,), name=fn.__name__) for fn in scenarios]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    if errors:
+        raise AssertionError("; ".join("%s: %s" % (name, exc) for name, exc in errors))
