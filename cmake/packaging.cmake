@@ -8,7 +8,8 @@
 #   /etc/kes_bstn/kes_bstn.toml            configuration, a dpkg conffile
 #   /var/lib/kes_bstn/                     URI and credential files, mode 0700
 #   /lib/systemd/system/kes_bstn.service   the service unit
-#   <prefix>/share/doc/kes-bstn/           operator guide
+#   <prefix>/share/doc/kes-bstn/           operator guide, changelog
+#   <prefix>/share/man/man8/kes_bstn.8.gz  manual page
 # The service user `kes_bstn`, which owns /var/lib/kes_bstn, is created by
 # the package's postinst (packaging/postinst).
 
@@ -31,6 +32,28 @@ install(FILES ${KES_PKG_DIR}/kes_bstn.service
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/../docs/operator-guide.md
   DESTINATION share/doc/kes-bstn
   PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+
+# Debian's documentation folder also holds the package changelog; the manual
+# page and the changelog are installed compressed, the lintian override
+# records that the private state folder is deliberate.
+set(KES_PKG_GEN ${CMAKE_BINARY_DIR}/packaging)
+string(TIMESTAMP KES_PKG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
+file(WRITE ${KES_PKG_GEN}/changelog
+"kes-bstn (${PROJECT_VERSION}) stable; urgency=medium
+
+  * Kestrane Basic Station bridge ${PROJECT_VERSION}.
+
+ -- Kestrane gateway support <support@kestrane.example>  ${KES_PKG_DATE}
+")
+configure_file(${KES_PKG_DIR}/kes_bstn.8 ${KES_PKG_GEN}/kes_bstn.8 COPYONLY)
+foreach(f changelog kes_bstn.8)
+  execute_process(COMMAND gzip -9nf ${KES_PKG_GEN}/${f})
+endforeach()
+set(KES_PKG_DATA_PERMS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+install(FILES ${KES_PKG_GEN}/changelog.gz DESTINATION share/doc/kes-bstn PERMISSIONS ${KES_PKG_DATA_PERMS})
+install(FILES ${KES_PKG_GEN}/kes_bstn.8.gz DESTINATION share/man/man8 PERMISSIONS ${KES_PKG_DATA_PERMS})
+install(FILES ${KES_PKG_DIR}/lintian-overrides DESTINATION share/lintian/overrides RENAME kes-bstn
+  PERMISSIONS ${KES_PKG_DATA_PERMS})
 
 # Debian architecture of the binary: armhf for the 32-bit ARM cross build,
 # otherwise the host's.
@@ -73,7 +96,7 @@ set(CPACK_DEBIAN_PACKAGE_DEPENDS "\
 libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), \
 libjson-c5 (>= 0.15), libwebsockets17 (>= 4.1.6), libcurl4 (>= 7.88.1), \
 libssl3 (>= 3.0.0), liburiparser1 (>= 0.9.7), libtomlplusplus3 (>= 3.3.0), \
-adduser | passwd")
+adduser")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   "${KES_PKG_DIR}/conffiles;${KES_PKG_DIR}/postinst;${KES_PKG_DIR}/prerm;${KES_PKG_DIR}/postrm")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)

@@ -154,6 +154,9 @@ class Package(unittest.TestCase):
             STATE_DIR: "drwx------",
             UNIT: "-rw-r--r--",
             "/usr/share/doc/kes-bstn/operator-guide.md": "-rw-r--r--",
+            "/usr/share/doc/kes-bstn/changelog.gz": "-rw-r--r--",
+            "/usr/share/lintian/overrides/kes-bstn": "-rw-r--r--",
+            "/usr/share/man/man8/kes_bstn.8.gz": "-rw-r--r--",
         }
         for path, mode in expected.items():
             with self.subTest(path=path):
