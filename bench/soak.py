@@ -90,6 +90,8 @@ def main():
     p.add_argument("--sample-interval", type=float, default=60.0, help="seconds between RSS samples")
     p.add_argument("--max-rss-growth", type=float, default=5.0, help="percent")
     p.add_argument("--level", type=int, default=2, help="bridge log level (2 = INFO)")
+    p.add_argument("--bridge-nice", type=int, help="renice the daemon to this value (diagnoses drops caused "
+                   "by other processes taking the CPU: the bridge's own threads keep their relative priority)")
     p.add_argument("--json", help="write the summary here")
     args = p.parse_args()
     os.environ["KES_BSTN_BIN"] = os.path.abspath(args.bin)
@@ -101,6 +103,9 @@ def main():
     try:
         stack.up()
         fwd, pid = stack.fwd, stack.bridge.proc.pid
+        if args.bridge_nice is not None:
+            for tid in os.listdir("/proc/%d/task" % pid):
+                os.setpriority(os.PRIO_PROCESS, int(tid), args.bridge_nice)
         with c.lock:   # the handshake traffic of up() is not part of the soak
             c.lns_uplinks.clear()
             c.push_ack = c.pull_resp = 0
@@ -191,7 +196,7 @@ def main():
             "restarts": log.count("restarting Basic Station in 20 seconds..."),
             "error_lines": sum(1 for line in log.splitlines() if "ERROR" in line),
             "uplink_ring_full": sum(bursts.values()), "ring_full_by_second": bursts,
-            "loadavg_end": open("/proc/loadavg").read().split()[:3],
+            "loadavg_end": open("/proc/loadavg").read().split()[:3], "bridge_nice": args.bridge_nice,
             "reconnections": len(stack.lns.find(lambda e: e.get("event") == "connected"
                                                        and e.get("kind") == "traffic", lns_mark)),
         }
