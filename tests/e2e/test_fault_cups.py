@@ -16,7 +16,6 @@ import os
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import e2e_common as e2e  # noqa: E402
 import fault_support as fs  # noqa: E402
 from e2e_common import check  # noqa: E402
 

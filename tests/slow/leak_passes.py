@@ -22,7 +22,6 @@ in --out. Exit status 0 when the run completed (the leak figures are the caller'
 import argparse
 import os
 import re
-import shutil
 import signal
 import subprocess
 import sys
@@ -30,7 +29,6 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "e2e"))
-import e2e_common as e2e  # noqa: E402
 import fault_support as fs  # noqa: E402
 from e2e_common import check  # noqa: E402
 
