@@ -48,7 +48,7 @@ error_t parse_opt(int key, char *arg, argp_state *state) {
         char *end = nullptr;
         errno = 0;
         long level = strtol(arg, &end, 10);
-        if (end == arg || level < BRIDGE_LOG_ERROR || level > BRIDGE_LOG_TRACE) {
+        if (end == arg || level < 0 || level > static_cast<long>(BRIDGE_LOG_TRACE)) {
             fprintf(stderr, "Invalid log level value: %s\n", arg);
             argp_usage(state);
             return EINVAL;

@@ -83,8 +83,9 @@ bytes header(uint8_t version, uint16_t token, uint8_t id) {
 
 bytes gwmp(uint8_t version, uint16_t token, uint8_t id, const std::string &json = "") {
     bytes d = header(version, token, id);
-    d.insert(d.end(), EUI, EUI + 8);
-    d.insert(d.end(), json.begin(), json.end());
+    d.resize(4 + 8 + json.size());
+    memcpy(d.data() + 4, EUI, 8);
+    memcpy(d.data() + 12, json.data(), json.size());
     return d;
 }
 
