@@ -1,12 +1,18 @@
 #!/usr/bin/env bash
-# Builds the bridge twice (normal, and AddressSanitizer + UndefinedBehaviorSanitizer)
-# and runs the whole CTest suite on both. Exits non-zero on any failure.
+# Runs a short fuzzing smoke, then builds the bridge twice (normal, and AddressSanitizer +
+# UndefinedBehaviorSanitizer) and runs the whole CTest suite on both. Exits non-zero on any failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/install_deps.sh
 
 jobs=$(nproc)
 status=0
+
+# Short fuzzing smoke of every untrusted-input parser (its own clang build).
+echo "== fuzz smoke"
+if ! ./scripts/fuzz.sh smoke; then
+  status=1
+fi
 for cfg in normal asan; do
   dir=build-test-$cfg
   extra=()
