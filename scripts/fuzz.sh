@@ -10,11 +10,12 @@
 # (fuzz/regressions/<target>) and grows a working corpus in build-fuzz/corpus/<target>.
 # Crashing inputs land in build-fuzz/artifacts/<target>/, the run's log in
 # build-fuzz/logs/<target>.log. Exits non-zero on any crash, leak, timeout or
-# undefined behaviour. KES_FUZZ_JOBS (default 2) targets run at the same time.
+# undefined behaviour. KES_FUZZ_JOBS (default 2) targets run at the same time;
+# KES_FUZZ_BUILD overrides the build folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
-BUILD=$ROOT/build-fuzz
+BUILD=${KES_FUZZ_BUILD:-$ROOT/build-fuzz}
 # The file-writing targets (CUPS files, configuration, URI file) are much faster on tmpfs.
 if [ -z "${TMPDIR:-}" ] && [ -w /dev/shm ]; then export TMPDIR=/dev/shm; fi
 JOBS=${KES_FUZZ_JOBS:-2}
@@ -63,18 +64,20 @@ fuzz_one() {
 # Runs fuzz_one over the targets, $JOBS at a time; non-zero if any failed.
 run_all() {
   local secs=$1; shift
-  local targets=("$@") failed=0 pids=() names=()
+  local targets=("$@") failed=0 names=()
   [ ${#targets[@]} -gt 0 ] || targets=("${ALL_TARGETS[@]}")
   local out; out=$(mktemp -d)
   for t in "${targets[@]}"; do
     while [ "$(jobs -rp | wc -l)" -ge "$JOBS" ]; do wait -n || true; done
-    ( fuzz_one "$t" "$secs" >"$out/$t" ) &
-    pids+=($!); names+=("$t")
+    # The status goes through a file: a job reaped by `wait -n` has no status left for `wait PID`.
+    ( rc=0; fuzz_one "$t" "$secs" >"$out/$t" || rc=$?; echo "$rc" >"$out/$t.rc" ) &
+    names+=("$t")
   done
-  local i
-  for i in "${!pids[@]}"; do
-    wait "${pids[$i]}" || failed=1
-    cat "$out/${names[$i]}"
+  wait || true
+  local t
+  for t in "${names[@]}"; do
+    cat "$out/$t"
+    [ "$(cat "$out/$t.rc" 2>/dev/null)" = 0 ] || failed=1
   done
   rm -rf "$out"
   return $failed
