@@ -72,15 +72,16 @@ TEST_F(LnsFuzzRegressions, ReplayedInputsAreHandledWithoutUndefinedBehaviour) {
     for (const Row &r : rows) {
         SCOPED_TRACE(r.file);
         g_delivered.clear();
-        lns.muxtime = 0;
-        lns.reftime = 0;
+        // A time reference from an earlier message (a failed conversion would also give 0).
+        lns.muxtime = 1234;
+        lns.reftime = 5678;
         const std::string text =
             kes_test::read_file(kes_test::source_dir() + "/fuzz/regressions/lns_message/" + r.file);
         ASSERT_FALSE(text.empty());
         EXPECT_EQ(lns_handle_message(&lns, text.c_str()), 0);
         // An out-of-range MuxTime leaves the time reference as it was.
-        EXPECT_EQ(lns.muxtime, 0u);
-        EXPECT_EQ(lns.reftime, 0u);
+        EXPECT_EQ(lns.muxtime, 1234u);
+        EXPECT_EQ(lns.reftime, 5678u);
         int64_t xtime = 0;
         if (r.delivered) {
             EXPECT_EQ(g_delivered.size(), 1u);
@@ -96,15 +97,15 @@ TEST_F(LnsFuzzRegressions, ReplayedInputsAreHandledWithoutUndefinedBehaviour) {
 TEST_F(LnsFuzzRegressions, MuxTimeAtTheEdgeOfTheRange) {
     struct Row {
         double seconds;
-        uint64_t muxtime; // 0: ignored
+        uint64_t muxtime; // 1234: ignored, the earlier value stays
     } rows[] = {
         {1700000000.5, 1700000000500u},
         {1.8e16, 18000000000000000000u},  // still below 2^64 ms
-        {1.9e16, 0},                      // beyond
-        {HUGE_VAL, 0},
+        {1.9e16, 1234},                   // beyond
+        {HUGE_VAL, 1234},
     };
     for (const Row &r : rows) {
-        lns.muxtime = 0;
+        lns.muxtime = 1234;
         lns_muxtime_set(&lns, r.seconds);
         EXPECT_EQ(lns.muxtime, r.muxtime) << r.seconds;
     }
