@@ -22,8 +22,8 @@
 set -euo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
-build=${KES_ARMHF_BUILD_DIR:-$repo/build-armhf}
-sysroot=${KES_ARMHF_SYSROOT:-$repo/build-armhf-sysroot}
+build=$(realpath -m "${KES_ARMHF_BUILD_DIR:-$repo/build-armhf}")
+sysroot=$(realpath -m "${KES_ARMHF_SYSROOT:-$repo/build-armhf-sysroot}")
 jobs=${KES_JOBS:-2}
 with_tests=1
 package=0
@@ -79,6 +79,7 @@ cmake --build "$build" --target "${targets[@]}" -j "$jobs"
 status=0
 if [ "$with_tests" -eq 1 ]; then
   report=$build/unit-tests-armhf.xml
+  rm -f "$report"
   (cd "$build" && ctest -L unit --output-on-failure -j "$jobs" --output-junit "$report") || true
   # Death tests that re-run the test binary cannot work without binfmt, and
   # qemu adds its own line when an emulated child aborts: those are told
