@@ -206,6 +206,9 @@ def main():
             "restarts": log.count("restarting Basic Station in 20 seconds..."),
             "error_lines": sum(1 for line in log.splitlines() if "ERROR" in line),
             "uplink_ring_full": sum(bursts.values()), "ring_full_by_second": bursts,
+            "other_error_lines": [ln for ln in log.splitlines() if "ERROR" in ln and not any(
+                t in ln for t in ("failed to insert a message into the ringbuffer", "failed to send message to LNS",
+                                  "failed to process uplink message"))][:10],
             "loadavg_end": open("/proc/loadavg").read().split()[:3],
             "sender_fell_behind": behind, "bridge_nice": args.bridge_nice,
             "reconnections": len(stack.lns.find(lambda e: e.get("event") == "connected"
