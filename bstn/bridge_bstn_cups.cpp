@@ -15,6 +15,8 @@
 #include "common/bridge_bstn_config.h"
 #include "common/bridge_utils.h"
 
+using namespace bridge_json_fields;
+
 namespace {
 
 constexpr size_t CUPS_URI_BUF_SZ = 256;
@@ -104,14 +106,14 @@ int prepare_request(bridge_bstn_cups_ctx *ctx, bool use_backup) {
     const int64_t cups_crc64 = cups_crc;
     const int64_t lns_crc64 = lns_crc;
     const bridge_json_out_field fields[] = {
-        {"router", json_type_string, 0, cfg->general.gw_eui, nullptr},
-        {"cupsUri", json_type_string, 0, cups_uri, nullptr},
-        {"cupsCredCrc", json_type_int, 0, &cups_crc64, nullptr},
-        {"tcCredCrc", json_type_int, 0, &lns_crc64, nullptr},
-        {"station", json_type_string, 0, cfg->general.name, nullptr},
-        {"model", json_type_string, 0, cfg->general.model, nullptr},
-        {"package", json_type_string, 0, cfg->general.package, nullptr},
-        {"tcUri", json_type_string, 0, lns_uri, nullptr},
+        out_string("router", cfg->general.gw_eui),
+        out_string("cupsUri", cups_uri),
+        out_int("cupsCredCrc", &cups_crc64),
+        out_int("tcCredCrc", &lns_crc64),
+        out_string("station", cfg->general.name),
+        out_string("model", cfg->general.model),
+        out_string("package", cfg->general.package),
+        out_string("tcUri", lns_uri),
     };
     const uint32_t count = has_lns_uri ? 8 : 7;
     rc = bridge_json_serialize(ctx->req_obj.get(), fields, count);

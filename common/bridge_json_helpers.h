@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <json-c/json.h>
 
@@ -41,3 +42,29 @@ template <size_t N>
 int bridge_json_serialize(json_object *obj, const bridge_json_out_field (&frame)[N]) {
     return bridge_json_serialize(obj, frame, static_cast<uint32_t>(N));
 }
+
+// Builders for field-frame records, so that a frame reads as a list of members.
+namespace bridge_json_fields {
+
+inline bridge_json_field in_int(const char *name, int64_t *v, bool optional = false) {
+    return {name, json_type_int, 0, v, optional};
+}
+inline bridge_json_field in_double(const char *name, double *v, bool optional = false) {
+    return {name, json_type_double, 0, v, optional};
+}
+template <size_t N>
+bridge_json_field in_string(const char *name, char (&buf)[N], bool optional = false) {
+    return {name, json_type_string, static_cast<uint32_t>(N), buf, optional};
+}
+
+inline bridge_json_out_field out_int(const char *name, const int64_t *v) {
+    return {name, json_type_int, 0, v, nullptr};
+}
+inline bridge_json_out_field out_bool(const char *name, const bool *v) {
+    return {name, json_type_boolean, 0, v, nullptr};
+}
+inline bridge_json_out_field out_string(const char *name, const char *s) {
+    return {name, json_type_string, static_cast<uint32_t>(strlen(s)), s, nullptr};
+}
+
+} // namespace bridge_json_fields

@@ -14,6 +14,8 @@
 #include <unistd.h>
 #include <uriparser/Uri.h>
 
+using namespace bridge_json_fields;
+
 namespace {
 
 constexpr size_t LNS_PORT_TEXT_SZ = 32;
@@ -203,7 +205,7 @@ int lns_discover(bridge_bstn_lns_ctx *ctx, bool use_backup) {
         return -1;
     }
     const bridge_json_out_field req_frame[] = {
-        {"router", json_type_string, static_cast<uint32_t>(strlen(cfg->general.gw_eui)), cfg->general.gw_eui, nullptr},
+        out_string("router", cfg->general.gw_eui),
     };
     int rc = bridge_json_serialize(req.get(), req_frame);
     if (rc != 0) return rc;
@@ -217,7 +219,7 @@ int lns_discover(bridge_bstn_lns_ctx *ctx, bool use_backup) {
     bridge_json_ptr resp(resp_raw);
 
     const bridge_json_field resp_frame[] = {
-        {"uri", json_type_string, LNS_URI_SZ, ctx->lns_uri, false},
+        in_string("uri", ctx->lns_uri),
     };
     lns_lock(ctx);
     rc = bridge_json_deserialize(resp.get(), resp_frame);

@@ -15,6 +15,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+using namespace bridge_json_fields;
+
 namespace {
 
 constexpr size_t LNS_MSGTYPE_SZ = 32;
@@ -100,7 +102,7 @@ void lns_muxtime_from_msg(bridge_bstn_lns_ctx *ctx, json_object *msg) {
     BRIDGE_ASSERT(ctx != NULL);
     BRIDGE_ASSERT(msg != NULL);
     double muxtime = -1.0;
-    const bridge_json_field frame[] = {{"MuxTime", json_type_double, 0, &muxtime, true}};
+    const bridge_json_field frame[] = {in_double("MuxTime", &muxtime, true)};
     if (bridge_json_deserialize(msg, frame) != 0) {
         LOG_TRACE("no MuxTime in the incoming message");
         return;
@@ -122,14 +124,12 @@ int lns_version_exchange(bridge_bstn_lns_ctx *ctx, bool use_backup) {
     const char *msgtype = "version";
     const int64_t protocol = 2;
     const bridge_json_out_field frame[] = {
-        {"msgtype", json_type_string, static_cast<uint32_t>(strlen(msgtype)), msgtype, nullptr},
-        {"station", json_type_string, static_cast<uint32_t>(strlen(cfg->general.name)), cfg->general.name, nullptr},
-        {"firmware", json_type_string, static_cast<uint32_t>(strlen(cfg->general.fw_version)),
-         cfg->general.fw_version, nullptr},
-        {"package", json_type_string, static_cast<uint32_t>(strlen(cfg->general.package)), cfg->general.package,
-         nullptr},
-        {"model", json_type_string, static_cast<uint32_t>(strlen(cfg->general.model)), cfg->general.model, nullptr},
-        {"protocol", json_type_int, 0, &protocol, nullptr},
+        out_string("msgtype", msgtype),
+        out_string("station", cfg->general.name),
+        out_string("firmware", cfg->general.fw_version),
+        out_string("package", cfg->general.package),
+        out_string("model", cfg->general.model),
+        out_int("protocol", &protocol),
     };
     int rc = bridge_json_serialize(req.get(), frame);
     if (rc != 0) return rc;
@@ -187,7 +187,7 @@ int lns_handle_message(bridge_bstn_lns_ctx *ctx, const char *data) {
         return -1;
     }
     char msgtype[LNS_MSGTYPE_SZ] = {};
-    const bridge_json_field frame[] = {{"msgtype", json_type_string, sizeof(msgtype), msgtype, false}};
+    const bridge_json_field frame[] = {in_string("msgtype", msgtype)};
     int rc = bridge_json_deserialize(msg.get(), frame);
     if (rc != 0) {
         LOG_ERROR("failed to de-serialize downlink");
@@ -208,20 +208,20 @@ int lns_handle_dnmsg(bridge_bstn_lns_ctx *ctx, json_object *single_downlink) {
     int64_t rx1_dr = -1, rx1_freq = -1, rx2_dr = -1, rx2_freq = -1, rx_delay = 1, rctx = 0;
     double muxtime = -1.0;
     const bridge_json_field frame[] = {
-        {"DevEui", json_type_string, sizeof(dev_eui), dev_eui, false},
-        {"diid", json_type_int, 0, &diid, false},
-        {"dC", json_type_int, 0, &dc, false},
-        {"xtime", json_type_int, 0, &xtime, true},
-        {"gpstime", json_type_int, 0, &gpstime, true},
-        {"DR", json_type_int, 0, &dr, true},
-        {"Freq", json_type_int, 0, &freq, true},
-        {"RX1DR", json_type_int, 0, &rx1_dr, true},
-        {"RX1Freq", json_type_int, 0, &rx1_freq, true},
-        {"RX2DR", json_type_int, 0, &rx2_dr, true},
-        {"RX2Freq", json_type_int, 0, &rx2_freq, true},
-        {"MuxTime", json_type_double, 0, &muxtime, true},
-        {"RxDelay", json_type_int, 0, &rx_delay, true},
-        {"rctx", json_type_int, 0, &rctx, true},
+        in_string("DevEui", dev_eui),
+        in_int("diid", &diid),
+        in_int("dC", &dc),
+        in_int("xtime", &xtime, true),
+        in_int("gpstime", &gpstime, true),
+        in_int("DR", &dr, true),
+        in_int("Freq", &freq, true),
+        in_int("RX1DR", &rx1_dr, true),
+        in_int("RX1Freq", &rx1_freq, true),
+        in_int("RX2DR", &rx2_dr, true),
+        in_int("RX2Freq", &rx2_freq, true),
+        in_double("MuxTime", &muxtime, true),
+        in_int("RxDelay", &rx_delay, true),
+        in_int("rctx", &rctx, true),
     };
     int rc = bridge_json_deserialize(single_downlink, frame);
     if (rc != 0) {
@@ -283,8 +283,8 @@ int lns_handle_dnmsg(bridge_bstn_lns_ctx *ctx, json_object *single_downlink) {
     char dr_text[LNS_DR_TEXT_SZ];
     snprintf(dr_text, sizeof(dr_text), "SF%dBW%d", ctx->drs[dr].sf, ctx->drs[dr].bw);
     const bridge_json_out_field out[] = {
-        {"DR", json_type_string, static_cast<uint32_t>(strlen(dr_text)), dr_text, nullptr},
-        {"Freq", json_type_int, 0, &freq, nullptr},
+        out_string("DR", dr_text),
+        out_int("Freq", &freq),
     };
     rc = bridge_json_serialize(single_downlink, out);
     if (rc != 0) return rc;
@@ -302,12 +302,12 @@ int lns_handle_dnmsg(bridge_bstn_lns_ctx *ctx, json_object *single_downlink) {
     const char *msgtype = "dntxed";
     const int64_t txtime = static_cast<int64_t>(time(nullptr));
     const bridge_json_out_field dntxed_frame[] = {
-        {"msgtype", json_type_string, static_cast<uint32_t>(strlen(msgtype)), msgtype, nullptr},
-        {"DevEui", json_type_string, static_cast<uint32_t>(strlen(dev_eui)), dev_eui, nullptr},
-        {"rctx", json_type_int, 0, &rctx, nullptr},
-        {"xtime", json_type_int, 0, &tx_time, nullptr},
-        {"diid", json_type_int, 0, &diid, nullptr},
-        {"txtime", json_type_int, 0, &txtime, nullptr},
+        out_string("msgtype", msgtype),
+        out_string("DevEui", dev_eui),
+        out_int("rctx", &rctx),
+        out_int("xtime", &tx_time),
+        out_int("diid", &diid),
+        out_int("txtime", &txtime),
     };
     rc = bridge_json_serialize(dntxed.get(), dntxed_frame);
     if (rc != 0) return rc;

@@ -8,11 +8,10 @@
 #include "common/base64.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_utils.h"
-#include "converter/data/bridge_translator_fields.h"
 
 namespace {
 
-using namespace bridge_translator_fields;
+using namespace bridge_json_fields;
 
 constexpr size_t MSGTYPE_CAP = 32;
 constexpr size_t DEVEUI_CAP = 64;

@@ -9,11 +9,10 @@
 #include "common/base64.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_utils.h"
-#include "converter/data/bridge_translator_fields.h"
 
 namespace {
 
-using namespace bridge_translator_fields;
+using namespace bridge_json_fields;
 
 constexpr size_t TIME_TEXT_CAP = 128;
 constexpr size_t MODU_CAP = 16;
