@@ -40,19 +40,6 @@ void *flaky_realloc(void *p, size_t n) {
     return ++realloc_calls == realloc_fail_at ? nullptr : realloc(p, n);
 }
 
-uint32_t reference_crc32(const std::string &data) {
-    uint32_t crc = 0xffffffffu;
-    for (unsigned char c : data) {
-        crc ^= c;
-        for (int i = 0; i < 8; ++i) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
-}
-
-void set_path(char (&field)[BRIDGE_CFG_STR_SZ], const std::string &path) {
-    snprintf(field, sizeof field, "%s", path.c_str());
-}
-
 std::string str_member(json_object *o, const char *key) {
     json_object *v = nullptr;
     if (!json_object_object_get_ex(o, key, &v) || json_object_get_type(v) == json_type_null) return "<null>";
@@ -101,22 +88,11 @@ public:
         bridge_bstn_cups_realloc = flaky_realloc;
 
         bridge_cfg_root *cfg = bridge_config_get_root();
-        *cfg = bridge_cfg_root{};
+        kes_test::point_credentials_at(tmp->path());
         snprintf(cfg->general.gw_eui, sizeof cfg->general.gw_eui, "00-16-c0-01-ff-10-a2-35");
         snprintf(cfg->general.name, sizeof cfg->general.name, "gateway-7");
         snprintf(cfg->general.model, sizeof cfg->general.model, "kes-model");
         snprintf(cfg->general.package, sizeof cfg->general.package, "1.7.1");
-        for (auto [set, prefix] : {std::pair{&cfg->cups, "cups_"}, std::pair{&cfg->lns, "lns_"}}) {
-            const std::string p = tmp->path() + "/" + prefix;
-            set_path(set->uri, p + "uri");
-            set_path(set->uri_backup, p + "uri_backup");
-            set_path(set->trust, p + "trust");
-            set_path(set->trust_backup, p + "trust_backup");
-            set_path(set->cert, p + "cert");
-            set_path(set->cert_backup, p + "cert_backup");
-            set_path(set->key, p + "key");
-            set_path(set->key_backup, p + "key_backup");
-        }
     }
     void TearDown() override {
         peer.stop();
@@ -215,8 +191,8 @@ TEST_F(CupsExchange, KeypairUpdateIsBackedUpAndApplied) {
     EXPECT_EQ(r.member("router"), "00-16-c0-01-ff-10-a2-35");
     EXPECT_EQ(r.member("cupsUri"), base() + "/cups/main");
     EXPECT_EQ(r.member("cupsCredCrc"),
-              std::to_string(reference_crc32(cert_file("ca.pem") + cert_file("client.pem") + cert_file("client.key"))));
-    EXPECT_EQ(r.member("tcCredCrc"), std::to_string(reference_crc32("old lns trustAuthorization: Bearer old\r\n")));
+              std::to_string(kes_test::reference_crc32(cert_file("ca.pem") + cert_file("client.pem") + cert_file("client.key"))));
+    EXPECT_EQ(r.member("tcCredCrc"), std::to_string(kes_test::reference_crc32("old lns trustAuthorization: Bearer old\r\n")));
     EXPECT_EQ(r.member("station"), "gateway-7");
     EXPECT_EQ(r.member("model"), "kes-model");
     EXPECT_EQ(r.member("package"), "1.7.1");
@@ -270,7 +246,7 @@ TEST_F(CupsExchange, TokenAuthWithoutLnsUriFile) {
             std::vector<std::string> seven(all_members.begin(), all_members.end() - 1);
             EXPECT_EQ(recs[0].body_keys(), seven) << recs[0].body_text;
             EXPECT_EQ(recs[0].member("cupsCredCrc"),
-                      std::to_string(reference_crc32(cert_file("ca.pem") + c.key_file)));
+                      std::to_string(kes_test::reference_crc32(cert_file("ca.pem") + c.key_file)));
             EXPECT_EQ(recs[0].member("tcCredCrc"), "0");
         }
     }
@@ -301,7 +277,7 @@ TEST_F(CupsExchange, BackupSetAnsweredAfterMainRefusedIsAppliedWithoutBackupCopy
     EXPECT_EQ(recs[1].member("cupsUri"), base() + "/backup/x");
     EXPECT_EQ(recs[1].member("tcUri"), "wss://lns.backup");
     // The checksums describe the main sets in both requests.
-    const std::string main_crc = std::to_string(reference_crc32(cert_file("ca.pem") + "Authorization: Bearer main"));
+    const std::string main_crc = std::to_string(kes_test::reference_crc32(cert_file("ca.pem") + "Authorization: Bearer main"));
     EXPECT_EQ(recs[0].member("cupsCredCrc"), main_crc);
     EXPECT_EQ(recs[1].member("cupsCredCrc"), main_crc);
     EXPECT_TRUE(logged("CUPS main credentials auth error: trying backup creds instead"));

@@ -1,5 +1,7 @@
 #include "support/test_support.h"
 
+#include "common/bridge_bstn_config.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -145,6 +147,31 @@ void Process::stop() {
     }
     if (out_fd_ >= 0) { close(out_fd_); out_fd_ = -1; }
     if (in_fd_ >= 0) { close(in_fd_); in_fd_ = -1; }
+}
+
+void point_credentials_at(const std::string &dir) {
+    bridge_cfg_root *cfg = bridge_config_get_root();
+    *cfg = bridge_cfg_root{};
+    for (auto [set, prefix] : {std::pair{&cfg->cups, "cups_"}, std::pair{&cfg->lns, "lns_"}}) {
+        const std::string p = dir + "/" + prefix;
+        set_text(set->uri, p + "uri");
+        set_text(set->uri_backup, p + "uri_backup");
+        set_text(set->trust, p + "trust");
+        set_text(set->trust_backup, p + "trust_backup");
+        set_text(set->cert, p + "cert");
+        set_text(set->cert_backup, p + "cert_backup");
+        set_text(set->key, p + "key");
+        set_text(set->key_backup, p + "key_backup");
+    }
+}
+
+uint32_t reference_crc32(const std::string &data) {
+    uint32_t crc = 0xffffffffu;
+    for (unsigned char c : data) {
+        crc ^= c;
+        for (int i = 0; i < 8; ++i) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
+    }
+    return ~crc;
 }
 
 std::string source_dir() { return KES_SOURCE_DIR; }

@@ -2,6 +2,8 @@
 // peer processes (the Python test servers).
 #pragma once
 
+#include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 #include <sys/types.h>
@@ -58,6 +60,17 @@ private:
     int in_fd_ = -1;
     std::string pending_;
 };
+
+// Clears the configuration root and names every CUPS and LNS file inside `dir`
+// (dir/cups_uri, dir/cups_trust_backup, dir/lns_key, ...).
+void point_credentials_at(const std::string &dir);
+// Copies `text` into a fixed-size configuration text field.
+template <size_t N>
+void set_text(char (&field)[N], const std::string &text) {
+    snprintf(field, N, "%s", text.c_str());
+}
+// Plain bitwise CRC-32 (IEEE 802.3), independent of the table-driven one under test.
+uint32_t reference_crc32(const std::string &data);
 
 std::string source_dir();
 std::string python();

@@ -20,20 +20,6 @@ using kes_test::write_file;
 
 namespace {
 
-// Plain bitwise CRC-32 (IEEE 802.3), independent of the table-driven one.
-uint32_t reference_crc32(const std::string &data) {
-    uint32_t crc = 0xffffffffu;
-    for (unsigned char c : data) {
-        crc ^= c;
-        for (int i = 0; i < 8; ++i) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
-}
-
-void set_path(char (&field)[BRIDGE_CFG_STR_SZ], const std::string &path) {
-    snprintf(field, sizeof field, "%s", path.c_str());
-}
-
 class CupsFiles : public ::testing::Test {
 protected:
     void SetUp() override { fresh(); }
@@ -41,19 +27,7 @@ protected:
     void fresh() {
         bridge_log_init(BRIDGE_LOG_TRACE, true);
         tmp = std::make_unique<kes_test::TempDir>();
-        bridge_cfg_root *cfg = bridge_config_get_root();
-        *cfg = bridge_cfg_root{};
-        for (auto [set, prefix] : {std::pair{&cfg->cups, "cups_"}, std::pair{&cfg->lns, "lns_"}}) {
-            const std::string p = tmp->path() + "/" + prefix;
-            set_path(set->uri, p + "uri");
-            set_path(set->uri_backup, p + "uri_backup");
-            set_path(set->trust, p + "trust");
-            set_path(set->trust_backup, p + "trust_backup");
-            set_path(set->cert, p + "cert");
-            set_path(set->cert_backup, p + "cert_backup");
-            set_path(set->key, p + "key");
-            set_path(set->key_backup, p + "key_backup");
-        }
+        kes_test::point_credentials_at(tmp->path());
     }
     bridge_cfg_creds &cups() { return bridge_config_get_root()->cups; }
     bridge_cfg_creds &lns() { return bridge_config_get_root()->lns; }
@@ -96,7 +70,7 @@ TEST_F(CupsFiles, SetCrcIsCrcOfPresentFilesConcatenated) {
         int rc = c.lns ? bridge_bstn_cups_lns_cred_crc(&ctx, &crc, c.use_backup)
                        : bridge_bstn_cups_cups_cred_crc(&ctx, &crc, c.use_backup);
         EXPECT_EQ(rc, 0);
-        EXPECT_EQ(crc, expected.empty() ? 0u : reference_crc32(expected));
+        EXPECT_EQ(crc, expected.empty() ? 0u : kes_test::reference_crc32(expected));
     }
 }
 
@@ -268,7 +242,7 @@ TEST_F(CupsFiles, BackupStopsAtFirstFailure) {
     write_file(cups().trust, "trust");
     write_file(cups().key, "key");
     write_file(cups().key_backup, "old key");
-    set_path(cups().trust_backup, tmp->file("no/such/dir"));
+    kes_test::set_text(cups().trust_backup, tmp->file("no/such/dir"));
     EXPECT_EQ(bridge_bstn_cups_backup_cups_set(&ctx), -ENOENT);
     EXPECT_EQ(read_file(cups().uri_backup), "uri");
     EXPECT_EQ(read_file(cups().key_backup), "old key");

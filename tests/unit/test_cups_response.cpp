@@ -44,10 +44,6 @@ bytes update(const bytes &cups_uri, const bytes &lns_uri, const bytes &cups_cred
            section(sig, 4) + section(blob, 4);
 }
 
-void set_path(char (&field)[BRIDGE_CFG_STR_SZ], const std::string &path) {
-    snprintf(field, sizeof field, "%s", path.c_str());
-}
-
 // DER and PEM forms of real certificates and keys, made once per run.
 class CupsResponse : public ::testing::Test {
 protected:
@@ -68,19 +64,7 @@ protected:
     void fresh() {
         bridge_log_init(BRIDGE_LOG_TRACE, true);
         tmp = std::make_unique<kes_test::TempDir>();
-        bridge_cfg_root *cfg = bridge_config_get_root();
-        *cfg = bridge_cfg_root{};
-        for (auto [set, prefix] : {std::pair{&cfg->cups, "cups_"}, std::pair{&cfg->lns, "lns_"}}) {
-            const std::string p = tmp->path() + "/" + prefix;
-            set_path(set->uri, p + "uri");
-            set_path(set->uri_backup, p + "uri_backup");
-            set_path(set->trust, p + "trust");
-            set_path(set->trust_backup, p + "trust_backup");
-            set_path(set->cert, p + "cert");
-            set_path(set->cert_backup, p + "cert_backup");
-            set_path(set->key, p + "key");
-            set_path(set->key_backup, p + "key_backup");
-        }
+        kes_test::point_credentials_at(tmp->path());
     }
     bridge_cfg_creds &cups() { return bridge_config_get_root()->cups; }
     bridge_cfg_creds &lns() { return bridge_config_get_root()->lns; }
