@@ -155,6 +155,58 @@ class LnsPeer:
         stop_pid(self.proc)
 
 
+class CupsPeer:
+    """tests/peers/cups_peer.py as a child; one record per request, stamped with its arrival time."""
+
+    def __init__(self, certs, *specs, extra=()):
+        cmd = [PYTHON, os.path.join(PEERS_DIR, "cups_peer.py"), "--certs", certs, *extra]
+        for spec in specs:
+            cmd += ["--respond", spec]
+        self.records = []
+        self.cond = threading.Condition()
+        self.proc = subprocess.Popen(cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                     stderr=subprocess.DEVNULL, text=True, bufsize=1)
+        line = self.proc.stdout.readline()
+        if not line.startswith("READY "):
+            stop_pid(self.proc)
+            raise RuntimeError("CUPS peer did not start: %r" % line)
+        self.port = int(line.split()[1])
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.proc.stdout:
+            try:
+                rec = json.loads(line)
+            except ValueError:
+                continue
+            rec["t"] = time.monotonic()
+            with self.cond:
+                self.records.append(rec)
+                self.cond.notify_all()
+
+    def requests(self):
+        with self.cond:
+            return [r for r in self.records if "method" in r]
+
+    def wait_requests(self, n, timeout):
+        """Waits until `n` requests arrived; returns the list of all requests (maybe shorter)."""
+        deadline = time.monotonic() + timeout
+        with self.cond:
+            while len([r for r in self.records if "method" in r]) < n:
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    break
+                self.cond.wait(left)
+        return self.requests()
+
+    def add(self, spec):
+        self.proc.stdin.write(spec + "\n")
+        self.proc.stdin.flush()
+
+    def stop(self):
+        stop_pid(self.proc)
+
+
 class Bridge:
     """The kes_bstn daemon with a generated configuration; its log goes to a file."""
 

@@ -33,56 +33,8 @@ def closed_tcp_port():
     return port
 
 
-class CupsPeer:
-    """tests/peers/cups_peer.py as a child; one record per request, stamped with its arrival time."""
 
-    def __init__(self, certs, *specs, extra=()):
-        cmd = [e2e.PYTHON, os.path.join(e2e.PEERS_DIR, "cups_peer.py"), "--certs", certs, *extra]
-        for spec in specs:
-            cmd += ["--respond", spec]
-        self.records = []
-        self.cond = threading.Condition()
-        self.proc = subprocess.Popen(cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     stderr=subprocess.DEVNULL, text=True, bufsize=1)
-        line = self.proc.stdout.readline()
-        if not line.startswith("READY "):
-            e2e.stop_pid(self.proc)
-            raise RuntimeError("CUPS peer did not start: %r" % line)
-        self.port = int(line.split()[1])
-        threading.Thread(target=self._read, daemon=True).start()
-
-    def _read(self):
-        for line in self.proc.stdout:
-            try:
-                rec = json.loads(line)
-            except ValueError:
-                continue
-            rec["t"] = time.monotonic()
-            with self.cond:
-                self.records.append(rec)
-                self.cond.notify_all()
-
-    def requests(self):
-        with self.cond:
-            return [r for r in self.records if "method" in r]
-
-    def wait_requests(self, n, timeout):
-        """Waits until `n` requests arrived; returns the list of all requests (maybe shorter)."""
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while len([r for r in self.records if "method" in r]) < n:
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    break
-                self.cond.wait(left)
-        return self.requests()
-
-    def add(self, spec):
-        self.proc.stdin.write(spec + "\n")
-        self.proc.stdin.flush()
-
-    def stop(self):
-        e2e.stop_pid(self.proc)
+CupsPeer = e2e.CupsPeer  # the fault tests use the shared wrapper
 
 
 class FaultBridge(e2e.Bridge):

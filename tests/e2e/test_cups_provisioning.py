@@ -11,8 +11,6 @@ import stat
 import subprocess
 import sys
 import tempfile
-import threading
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import e2e_common as e2e  # noqa: E402
@@ -22,44 +20,6 @@ TMP = tempfile.mkdtemp(prefix="kes_e2e_cups_")
 CERTS = os.path.join(TMP, "certs")
 
 
-class CupsPeer:
-    """tests/peers/cups_peer.py as a child process; one record per request it answered."""
-
-    def __init__(self, *args):
-        self.records = []
-        self.cond = threading.Condition()
-        self.proc = subprocess.Popen([e2e.PYTHON, os.path.join(e2e.PEERS_DIR, "cups_peer.py"), "--certs", CERTS,
-                                      *args], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     stderr=subprocess.DEVNULL, text=True, bufsize=1)
-        line = self.proc.stdout.readline()
-        if not line.startswith("READY "):
-            e2e.stop_pid(self.proc)
-            raise RuntimeError("CUPS peer did not start: %r" % line)
-        self.port = int(line.split()[1])
-        threading.Thread(target=self._read, daemon=True).start()
-
-    def _read(self):
-        for line in self.proc.stdout:
-            try:
-                rec = json.loads(line)
-            except ValueError:
-                continue
-            with self.cond:
-                self.records.append(rec)
-                self.cond.notify_all()
-
-    def wait_records(self, n, timeout):
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while len(self.records) < n:
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    break
-                self.cond.wait(left)
-            return list(self.records)
-
-    def stop(self):
-        e2e.stop_pid(self.proc)
 
 
 def read(path):
@@ -107,7 +67,7 @@ def provision(name, lns_args, cups_args, prepare, verify):
     ok = False
     try:
         lns = e2e.LnsPeer(CERTS, *lns_args)
-        cups = CupsPeer(*cups_args(lns.port))
+        cups = e2e.CupsPeer(CERTS, extra=cups_args(lns.port))
         files = cups_lns_files(workdir)
         write(files["cups"]["uri"], "https://127.0.0.1:%d/cups/\n" % cups.port)
         prepare(files)
@@ -148,7 +108,7 @@ def test_keypair_provisioning_of_lns_certificate():
         shutil.copy(cert("client.key"), files["cups"]["key"])
 
     def verify(lns, cups, files, conn):
-        recs = cups.records
+        recs = cups.requests()
         check(len(recs) == 1, "expected one update-info request, got %d" % len(recs))
         check(recs[0]["path"] == "/cups/update-info", "request path %s" % recs[0]["path"])
         check(recs[0]["client_cn"] == e2e.GW_EUI, "CUPS client certificate CN %s" % recs[0]["client_cn"])
@@ -181,7 +141,7 @@ def test_backup_token_after_refusal_provisions_lns_token():
         shutil.copy(files["cups"]["uri"], files["cups"]["uri_backup"])
 
     def verify(lns, cups, files, conn):
-        recs = cups.records
+        recs = cups.requests()
         check([r["status"] for r in recs] == [401, 200], "CUPS answers %s" % [r["status"] for r in recs])
         check([r["headers"]["authorization"] for r in recs] == ["Bearer wrong", "Bearer right"],
               "CUPS tokens %s" % [r["headers"]["authorization"] for r in recs])
