@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size > 1024) return 0;
     fuzz_text uri(data, size);
 
-    // The buffers of the design (256-byte host, 64-byte path) and small ones.
+    // The daemon's own buffers (256-byte host, 64-byte path) and small ones.
     for (auto [host_sz, path_sz] : {std::pair<size_t, size_t>{LNS_HOST_SZ, LNS_PATH_SZ}, {8, 4}, {1, 1}}) {
         std::string host(host_sz, 'H');
         std::string path(path_sz, 'P');

@@ -91,7 +91,7 @@ TEST_F(LnsDiscoveryTest, PrimaryAttemptAloneReportsRestartRequired) {
 TEST_F(LnsDiscoveryTest, ReplyWithoutUriFailsAndPausesTenSeconds) {
     Peer peer({"--discovery-no-uri"});
     lns_test::configure(dir, peer.uri());
-    lns_retry_pause_secs = LNS_RETRY_PAUSE_SECS; // the designed pause, measured once here
+    lns_retry_pause_secs = LNS_RETRY_PAUSE_SECS; // the real pause, measured once here
     auto t0 = std::chrono::steady_clock::now();
     int rc = bridge_bstn_lns_init_discovery(BRIDGE_LOG_INFO, false);
     auto secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();

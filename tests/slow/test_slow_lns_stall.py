@@ -2,7 +2,7 @@
 """Slow fault test (tests/slow, run by scripts/slow_tests.sh): an LNS that stalls.
 
 Three bridges run side by side, each with its primary LNS URI on a server that never completes
-an exchange, and (where the design has a fallback) a working LNS peer behind the backup URI:
+an exchange, and (where the bridge has a fallback) a working LNS peer behind the backup URI:
 
   * discovery stall: the WebSocket opens, `router-info` is never answered. The exchange gives up
     after its 120 s bound, the backup settings are tried at once and the session starts there;

@@ -190,7 +190,7 @@ TEST(TranslatorUplink, AcceptedVariants) {
     }
 }
 
-// Every malformed packet: a negative result, the designed message, and `out` untouched.
+// Every malformed packet: a negative result, the expected message, and `out` untouched.
 TEST(TranslatorUplink, RejectedPackets) {
     const char *deser = "failed to deserialize uplink packet: ";
     std::string rsig33 = ",\"rsig\":[";
