@@ -67,8 +67,7 @@ class CupsExchange : public ::testing::Test {
 public:
     static void SetUpTestSuite() {
         certs = new kes_test::TempDir();
-        std::string cmd = "bash " + kes_test::source_dir() + "/tests/peers/make_certs.sh " + certs->path();
-        ASSERT_EQ(system(cmd.c_str()), 0);
+        ASSERT_TRUE(kes_test::make_certs(certs->path()));
     }
     static void TearDownTestSuite() {
         delete certs;

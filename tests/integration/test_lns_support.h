@@ -31,8 +31,7 @@ inline const std::string &certs_dir() {
     static kes_test::TempDir dir;
     static bool made = false;
     if (!made) {
-        std::string cmd = "bash " + kes_test::source_dir() + "/tests/peers/make_certs.sh " + dir.path();
-        EXPECT_EQ(system(cmd.c_str()), 0);
+        EXPECT_TRUE(kes_test::make_certs(dir.path()));
         made = true;
     }
     return dir.path();

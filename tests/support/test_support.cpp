@@ -149,6 +149,11 @@ void Process::stop() {
     if (in_fd_ >= 0) { close(in_fd_); in_fd_ = -1; }
 }
 
+bool make_certs(const std::string &dir) {
+    const std::string cmd = "bash " + source_dir() + "/tests/peers/make_certs.sh " + dir;
+    return system(cmd.c_str()) == 0;
+}
+
 void point_credentials_at(const std::string &dir) {
     bridge_cfg_root *cfg = bridge_config_get_root();
     *cfg = bridge_cfg_root{};

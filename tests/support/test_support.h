@@ -61,6 +61,9 @@ private:
     std::string pending_;
 };
 
+// Makes the throw-away PKI of tests/peers/make_certs.sh in `dir`; false when it failed.
+bool make_certs(const std::string &dir);
+
 // Clears the configuration root and names every CUPS and LNS file inside `dir`
 // (dir/cups_uri, dir/cups_trust_backup, dir/lns_key, ...).
 void point_credentials_at(const std::string &dir);
