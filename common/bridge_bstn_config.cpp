@@ -19,16 +19,17 @@ constexpr bridge_cfg_entry text_entry(char *field, const char *key) {
     return {BRIDGE_CFG_TYPE_STR, {.str_ptr = field}, static_cast<uint32_t>(BRIDGE_CFG_STR_SZ), nullptr, key};
 }
 
-constexpr std::array<bridge_cfg_entry, 6> general_entries = {{
+constexpr std::array<bridge_cfg_entry, 7> general_entries = {{
     text_entry(cfg_root.general.gw_eui, "gw_eui"),
     text_entry(cfg_root.general.name, "name"),
     text_entry(cfg_root.general.model, "model"),
     text_entry(cfg_root.general.package, "package"),
     text_entry(cfg_root.general.fw_version, "fw_version"),
     {BRIDGE_CFG_TYPE_BOOL, {.bool_ptr = &cfg_root.general.skip_cups}, 0, nullptr, "skip_cups"},
+    {BRIDGE_CFG_TYPE_INT, {.int_ptr = &cfg_root.general.summary_interval}, 0, nullptr, "summary_interval"},
 }};
 
-constexpr std::array<bridge_cfg_entry, 8> creds_entries(bridge_cfg_creds &c) {
+constexpr std::array<bridge_cfg_entry, 9> creds_entries(bridge_cfg_creds &c, bool *allow_self_signed) {
     return {{
         text_entry(c.uri, "uri"),
         text_entry(c.uri_backup, "uri_backup"),
@@ -38,19 +39,22 @@ constexpr std::array<bridge_cfg_entry, 8> creds_entries(bridge_cfg_creds &c) {
         text_entry(c.cert_backup, "cert_backup"),
         text_entry(c.key, "key"),
         text_entry(c.key_backup, "key_backup"),
+        {BRIDGE_CFG_TYPE_BOOL, {.bool_ptr = allow_self_signed}, 0, nullptr, "allow_self_signed"},
     }};
 }
 
-constexpr std::array<bridge_cfg_entry, 8> cups_entries = creds_entries(cfg_root.cups);
-constexpr std::array<bridge_cfg_entry, 8> lns_entries = creds_entries(cfg_root.lns);
+// allow_self_signed is an LNS choice only: the CUPS table stops before it.
+constexpr std::array<bridge_cfg_entry, 9> cups_entries = creds_entries(cfg_root.cups, nullptr);
+constexpr std::array<bridge_cfg_entry, 9> lns_entries = creds_entries(cfg_root.lns, &cfg_root.lns_opts.allow_self_signed);
 
-constexpr std::array<bridge_cfg_entry, 1> semtech_entries = {{
+constexpr std::array<bridge_cfg_entry, 2> semtech_entries = {{
     {BRIDGE_CFG_TYPE_INT, {.int_ptr = &cfg_root.semtech.bind_port}, 0, nullptr, "bind_port"},
+    text_entry(cfg_root.semtech.bind_address, "bind_address"),
 }};
 
 constexpr std::array<bridge_cfg_section, 4> cfg_sections = {{
     {"general", general_entries.data(), static_cast<uint32_t>(general_entries.size())},
-    {"cups", cups_entries.data(), static_cast<uint32_t>(cups_entries.size())},
+    {"cups", cups_entries.data(), static_cast<uint32_t>(cups_entries.size() - 1)},
     {"lns", lns_entries.data(), static_cast<uint32_t>(lns_entries.size())},
     {"semtech", semtech_entries.data(), static_cast<uint32_t>(semtech_entries.size())},
 }};

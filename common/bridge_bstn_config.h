@@ -13,6 +13,7 @@ struct bridge_cfg_general {
     char model[BRIDGE_CFG_STR_SZ];
     char package[BRIDGE_CFG_STR_SZ];
     bool skip_cups;
+    int64_t summary_interval; // seconds between health summaries, 0 = default
 };
 
 // File paths of one endpoint's URI and credential files, each with a backup.
@@ -29,6 +30,12 @@ struct bridge_cfg_creds {
 
 struct bridge_cfg_semtech {
     int64_t bind_port;
+    char bind_address[BRIDGE_CFG_STR_SZ]; // empty: every IPv4 address
+};
+
+// LNS connection choices beside its files.
+struct bridge_cfg_lns_opts {
+    bool allow_self_signed; // lab set-ups: skip server verification and host name check
 };
 
 struct bridge_cfg_root {
@@ -36,6 +43,7 @@ struct bridge_cfg_root {
     bridge_cfg_creds lns;
     bridge_cfg_creds cups;
     bridge_cfg_semtech semtech;
+    bridge_cfg_lns_opts lns_opts;
 };
 
 // 0 on success, -1 on any failure (already logged).

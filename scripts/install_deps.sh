@@ -6,7 +6,7 @@ set -euo pipefail
 PKGS=(
   build-essential cmake pkg-config
   libjson-c-dev libwebsockets-dev libcurl4-openssl-dev libssl-dev
-  liburiparser-dev libtomlplusplus-dev
+  liburiparser-dev libtomlplusplus-dev libsystemd-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-websockets python3-cryptography openssl
   clang-14 libclang-rt-14-dev

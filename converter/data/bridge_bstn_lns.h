@@ -9,7 +9,9 @@
 constexpr int LNS_STATUS_RESTART_REQUIRED = 2;
 
 // Receives each processed dnmsg: status is 0, data the JSON text, data_sz its length plus one.
-using bridge_bstn_lns_downlink_cb = void (*)(int status, void *arg, const char *data, size_t data_sz);
+// Returns 0 when the downlink was handed to the packet forwarder (only then does the LNS
+// get a dntxed), negative when it was dropped. Must not block: it runs under the LNS lock.
+using bridge_bstn_lns_downlink_cb = int (*)(int status, void *arg, const char *data, size_t data_sz);
 
 int bridge_bstn_lns_init_discovery(uint32_t level, bool use_stderr);
 int bridge_bstn_lns_start();

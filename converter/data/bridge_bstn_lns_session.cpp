@@ -292,7 +292,8 @@ int lns_handle_dnmsg(bridge_bstn_lns_ctx *ctx, json_object *single_downlink) {
     BRIDGE_ASSERT(new_data);
     LOG_TRACE("processed downlink message: %s\n", new_data);
     BRIDGE_ASSERT(ctx->downlink_cb);
-    ctx->downlink_cb(0, ctx->downlink_cb_arg, new_data, strlen(new_data) + 1);
+    if (ctx->downlink_cb(0, ctx->downlink_cb_arg, new_data, strlen(new_data) + 1) != 0)
+        return 0; // dropped before the forwarder: the LNS must not believe it went out
 
     bridge_json_ptr dntxed(json_object_new_object());
     if (!dntxed) {

@@ -420,30 +420,30 @@ int bridge_dataplane_handle_datagram(const uint8_t *data, size_t len, const stru
     return dataplane_handle_datagram(buf, n + 1, from, from_len);
 }
 
-void bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t length) {
+int bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t length) {
     if (length == 0) {
         LOG_WARN("empty payload received, skipping");
-        return;
+        return -1;
     }
     std::unique_ptr<json_tokener, tokener_free> tok(json_tokener_new());
     if (!tok) {
         LOG_ERROR("failed to allocate tokener");
-        return;
+        return -1;
     }
     bridge_json_ptr msg(json_tokener_parse_ex(tok.get(), payload, static_cast<int>(length)));
     if (!msg) {
         LOG_WARN("unable to parse downlink payload");
-        return;
+        return -1;
     }
     bridge_json_ptr txpk(json_object_new_object());
     if (!txpk) {
         LOG_ERROR("failed to create object");
-        return;
+        return -1;
     }
     uint32_t ns_version = 0, ns_format = 0;
     if (get_version_and_ns_format(&ns_version, &ns_format) < 0) {
         LOG_ERROR("failed to extract the NS version and data format");
-        return;
+        return -1;
     }
     bridge_translate_msg from{};
     bridge_translate_msg to{};
@@ -457,24 +457,24 @@ void bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t lengt
     to.data = txpk.get();
     if (bridge_translate_generic(&from, &to) < 0) {
         LOG_WARN("failed to translate downlink packet body");
-        return;
+        return -1;
     }
 
     bridge_json_ptr wrapper(json_object_new_object());
     if (!wrapper) {
         LOG_ERROR("failed to create object");
-        return;
+        return -1;
     }
     json_object_object_add(wrapper.get(), "txpk", txpk.release());
     const char *text = json_object_to_json_string(wrapper.get());
     if (!text) {
         LOG_WARN("failed to stringify downlink packet");
-        return;
+        return -1;
     }
     const size_t n = strlen(text) + 1;
     if (n + GWMP_HEADER_SZ > BRIDGE_DATAPLANE_PIPE_MSG_SZ) {
         LOG_WARN("packet body is too big: %zd bytes", static_cast<ssize_t>(n));
-        return;
+        return -1;
     }
     uint8_t pipe_msg[BRIDGE_DATAPLANE_PIPE_MSG_SZ];
     pipe_msg[0] = static_cast<uint8_t>(to.version);
@@ -483,11 +483,15 @@ void bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t lengt
     pipe_msg[3] = GWMP_PULL_RESP;
     memcpy(pipe_msg + GWMP_HEADER_SZ, text, n);
     ssize_t written = write(converter_ctx.pipe_fds[1], pipe_msg, n + GWMP_HEADER_SZ);
-    if (written < 0)
+    if (written < 0) {
         LOG_ERROR("failed to write downlink packet into the pipe");
-    else if (static_cast<size_t>(written) < n + GWMP_HEADER_SZ)
+        return -1;
+    }
+    if (static_cast<size_t>(written) < n + GWMP_HEADER_SZ) {
         LOG_WARN("pipe consumed less data: [%d] than expected: [%zu]", static_cast<int>(written),
                  n + GWMP_HEADER_SZ);
-    else
-        LOG_TRACE("bytes written to pipe: [%d]", static_cast<int>(written));
+        return -1;
+    }
+    LOG_TRACE("bytes written to pipe: [%d]", static_cast<int>(written));
+    return 0;
 }

@@ -42,4 +42,4 @@ int bridge_dataplane_handle_datagram(const uint8_t *data, size_t len, const stru
 
 // The downlink subscriber given to the LNS client (bridge_bstn_lns_downlink_cb):
 // translates one processed dnmsg into a PULL_RESP and hands it to the worker.
-void bridge_dataplane_downlink_cb(int status, void *arg, const char *payload, size_t length);
+int bridge_dataplane_downlink_cb(int status, void *arg, const char *payload, size_t length);

@@ -17,13 +17,14 @@ struct Delivered {
     std::vector<std::string> texts;
 };
 
-void record_downlink(int status, void *arg, const char *data, size_t data_sz) {
+int record_downlink(int status, void *arg, const char *data, size_t data_sz) {
     auto *d = static_cast<Delivered *>(arg);
     EXPECT_EQ(status, 0);
     EXPECT_EQ(data_sz, strlen(data) + 1);
     std::lock_guard<std::mutex> g(d->m);
     d->texts.emplace_back(data);
     d->cv.notify_all();
+    return 0;
 }
 
 bridge_json_ptr parse(const std::string &text) { return bridge_json_ptr(json_tokener_parse(text.c_str())); }

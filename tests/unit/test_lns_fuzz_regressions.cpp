@@ -15,7 +15,7 @@
 namespace {
 
 std::vector<std::string> g_delivered;
-void record_downlink(int, void *, const char *data, size_t) { g_delivered.emplace_back(data); }
+int record_downlink(int, void *, const char *data, size_t) { g_delivered.emplace_back(data); return 0; }
 
 // xtime + seconds, modulo 2^64 as the dnmsg processing computes it.
 int64_t wrapped(int64_t xtime, int64_t seconds) {

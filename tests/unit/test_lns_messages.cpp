@@ -20,7 +20,7 @@ const lws_protocols test_protocols[] = {
 };
 
 std::vector<std::string> g_delivered;
-void record_downlink(int, void *, const char *data, size_t) { g_delivered.emplace_back(data); }
+int record_downlink(int, void *, const char *data, size_t) { g_delivered.emplace_back(data); return 0; }
 
 bridge_json_ptr parse(const std::string &text) { return bridge_json_ptr(json_tokener_parse(text.c_str())); }
 
