@@ -36,8 +36,7 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE_DIR = os.path.abspath(os.path.join(HERE, ".."))
-sys.path.insert(0, os.path.join(SOURCE_DIR, "tests", "e2e"))
-sys.path.insert(0, os.path.join(SOURCE_DIR, "tests", "peers"))
+sys.path.insert(0, os.path.join(SOURCE_DIR, "sim"))
 
 LOW32 = 0xFFFFFFFF
 TICK = os.sysconf("SC_CLK_TCK")
@@ -45,7 +44,7 @@ TICK = os.sysconf("SC_CLK_TCK")
 
 # ==== role: LNS ====================================================================================
 def run_lns(args):
-    """tests/peers/lns_peer.py with its per-message output replaced by an in-memory record of
+    """sim/lns_peer.py with its per-message output replaced by an in-memory record of
     (arrival time, DevAddr, FCnt, DR, xtime) written to --out at the end, so that printing does not
     slow the LNS down."""
     import lns_peer
@@ -199,7 +198,7 @@ def percentile(sorted_values, p):
 
 class Bench:
     def __init__(self, binary, keep):
-        import e2e_common as e2e
+        import harness as e2e
         self.e2e = e2e
         self.tmp = tempfile.mkdtemp(prefix="kes_bench_")
         self.keep = keep

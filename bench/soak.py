@@ -26,10 +26,9 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE_DIR = os.path.abspath(os.path.join(HERE, ".."))
-sys.path.insert(0, os.path.join(SOURCE_DIR, "tests", "e2e"))
-sys.path.insert(0, os.path.join(SOURCE_DIR, "tests", "peers"))
+sys.path.insert(0, os.path.join(SOURCE_DIR, "sim"))
 
-import e2e_common as e2e  # noqa: E402
+import harness as e2e  # noqa: E402
 import fwd_sim  # noqa: E402
 
 DEVADDR_BASE = 0x26010000

@@ -2,7 +2,7 @@
 """Writes the seed corpora under fuzz/corpus/<target>/ from realistic inputs.
 
 Run with Debian's interpreter: /usr/bin/python3 fuzz/make_corpus.py
-The CUPS bodies embed DER credentials made by tests/peers/make_certs.sh.
+The CUPS bodies embed DER credentials made by sim/make_certs.sh.
 """
 import base64
 import json

@@ -19,8 +19,8 @@ import threading
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e"))
-import e2e_common as e2e  # noqa: E402
+sys.path.insert(0, os.path.join(HERE, "..", "sim"))
+import harness as e2e  # noqa: E402
 
 fwd_sim = e2e.fwd_sim
 LOW32 = 0xFFFFFFFF

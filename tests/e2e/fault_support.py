@@ -1,6 +1,6 @@
 """Helpers of the fault-injection tests (tests/e2e/test_fault_*.py and tests/slow/).
 
-Builds on e2e_common (certificates, LNS peer, forwarder simulator) and adds what the ordinary
+Builds on harness (certificates, LNS peer, forwarder simulator) and adds what the ordinary
 end-to-end tests do not need: the CUPS peer, a bridge whose configuration runs the CUPS exchange
 and keeps every credential and URI file in one directory of its own, a TCP server that accepts
 and never answers, a read-only mount of a directory, and log watching with timestamps.
@@ -17,8 +17,8 @@ import threading
 import time
 import traceback
 
-import e2e_common as e2e
-from e2e_common import check  # noqa: F401  (re-exported for the tests)
+import harness as e2e
+from harness import check  # noqa: F401  (re-exported for the tests)
 
 RESTART = "restarting Basic Station in 20 seconds..."
 NON_CRITICAL = "non-critical error raised: [%d]"
@@ -222,7 +222,7 @@ class FaultStack(e2e.Stack):
     """Certificates, LNS peer, optional CUPS peer, a FaultBridge and the forwarder simulator.
 
     `launch()` starts everything without waiting; `ready()` waits for the LNS handshake and
-    synchronises the time base like e2e_common.Stack.up()."""
+    synchronises the time base like harness.Stack.up()."""
 
     def __init__(self, lns_args=(), cups_specs=None, skip_cups=False, level=4, prefix="kes_fault_", wrapper=()):
         super().__init__(lns_args=lns_args, level=level, workdir=workdir(prefix))
@@ -272,7 +272,7 @@ class FaultStack(e2e.Stack):
 
 
 def run_tests(tests, stacks):
-    """e2e_common.run_tests for tests that use several stacks (listed in `stacks`): every stack
+    """harness.run_tests for tests that use several stacks (listed in `stacks`): every stack
     still open at the end is taken down, and kept on disk with its logs when a test failed."""
     try:
         e2e.run_tests(tests)

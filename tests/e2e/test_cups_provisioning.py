@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """End to end: remote provisioning through CUPS. The real kes_bstn daemon (skip_cups = false)
-starts with only its CUPS credentials, asks the CUPS peer (tests/peers/cups_peer.py) for an
+starts with only its CUPS credentials, asks the CUPS peer (sim/cups_peer.py) for an
 update, writes the LNS URI and credentials it receives, then discovers and connects to the
-LNS peer (tests/peers/lns_peer.py) with them."""
+LNS peer (sim/lns_peer.py) with them."""
 
 import json
 import os
@@ -13,8 +13,9 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import e2e_common as e2e  # noqa: E402
-from e2e_common import check  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "sim"))
+import harness as e2e  # noqa: E402
+from harness import check  # noqa: E402
 
 TMP = tempfile.mkdtemp(prefix="kes_e2e_cups_")
 CERTS = os.path.join(TMP, "certs")

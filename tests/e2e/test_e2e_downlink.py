@@ -6,8 +6,9 @@ import os
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import e2e_common as e2e  # noqa: E402
-from e2e_common import check  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "sim"))
+import harness as e2e  # noqa: E402
+from harness import check  # noqa: E402
 
 stack = e2e.Stack()
 LOW32 = 0xFFFFFFFF

@@ -7,8 +7,9 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import e2e_common as e2e  # noqa: E402
-from e2e_common import check  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "sim"))
+import harness as e2e  # noqa: E402
+from harness import check  # noqa: E402
 
 fwd_sim = e2e.fwd_sim
 stack = e2e.Stack()

@@ -16,8 +16,9 @@ import os
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "sim"))
 import fault_support as fs  # noqa: E402
-from e2e_common import check  # noqa: E402
+from harness import check  # noqa: E402
 
 stacks = []
 RETRY5 = "retrying to connect within 5 seconds"

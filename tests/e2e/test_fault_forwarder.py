@@ -9,9 +9,10 @@ import sys
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import e2e_common as e2e  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "sim"))
+import harness as e2e  # noqa: E402
 import fault_support as fs  # noqa: E402
-from e2e_common import check  # noqa: E402
+from harness import check  # noqa: E402
 
 stack = fs.FaultStack(skip_cups=True, prefix="kes_fault_fwd_")
 LOW32 = 0xFFFFFFFF

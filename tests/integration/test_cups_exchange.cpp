@@ -104,7 +104,7 @@ public:
     static std::string cert_file(const std::string &name) { return read_file(certs->file(name)); }
 
     void start_peer(std::vector<std::string> args) {
-        args.insert(args.begin(), {kes_test::python(), kes_test::source_dir() + "/tests/peers/cups_peer.py",
+        args.insert(args.begin(), {kes_test::python(), kes_test::source_dir() + "/sim/cups_peer.py",
                                    "--certs", certs->path()});
         port = std::stoi(peer.start(args, "READY"));
     }

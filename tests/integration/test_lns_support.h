@@ -1,5 +1,5 @@
 // Shared set-up of the LNS client integration tests: certificates, configuration root and
-// the Python LNS peer (tests/peers/lns_peer.py) with its JSON event lines.
+// the Python LNS peer (sim/lns_peer.py) with its JSON event lines.
 #pragma once
 
 #include <chrono>
@@ -90,7 +90,7 @@ inline int unused_port() {
 class Peer {
 public:
     explicit Peer(std::vector<std::string> extra = {}) {
-        std::vector<std::string> argv = {kes_test::python(), kes_test::source_dir() + "/tests/peers/lns_peer.py",
+        std::vector<std::string> argv = {kes_test::python(), kes_test::source_dir() + "/sim/lns_peer.py",
                                          "--certs", certs_dir()};
         argv.insert(argv.end(), extra.begin(), extra.end());
         port = std::stoi(proc.start(argv, "READY"));

@@ -29,8 +29,9 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "e2e"))
+sys.path.insert(0, os.path.join(HERE, "..", "..", "sim"))
 import fault_support as fs  # noqa: E402
-from e2e_common import check  # noqa: E402
+from harness import check  # noqa: E402
 
 CANARY = 4242
 

@@ -14,9 +14,10 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "e2e"))
-import e2e_common as e2e  # noqa: E402
+sys.path.insert(0, os.path.join(HERE, "..", "..", "sim"))
+import harness as e2e  # noqa: E402
 import fault_support as fs  # noqa: E402
-from e2e_common import check  # noqa: E402
+from harness import check  # noqa: E402
 
 stack = fs.FaultStack(skip_cups=True, prefix="kes_slow_lns_")
 

@@ -150,7 +150,7 @@ void Process::stop() {
 }
 
 bool make_certs(const std::string &dir) {
-    const std::string cmd = "bash " + source_dir() + "/tests/peers/make_certs.sh " + dir;
+    const std::string cmd = "bash " + source_dir() + "/sim/make_certs.sh " + dir;
     return system(cmd.c_str()) == 0;
 }
 

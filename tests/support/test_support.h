@@ -61,7 +61,7 @@ private:
     std::string pending_;
 };
 
-// Makes the throw-away PKI of tests/peers/make_certs.sh in `dir`; false when it failed.
+// Makes the throw-away PKI of sim/make_certs.sh in `dir`; false when it failed.
 bool make_certs(const std::string &dir);
 
 // Clears the configuration root and names every CUPS and LNS file inside `dir`

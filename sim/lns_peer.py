@@ -11,7 +11,7 @@ Run with Debian's interpreter (/usr/bin/python3, python3-websockets 10.4). It li
                            `router_config`, then logs every text and obeys commands from stdin.
 
 Command line:
-  --certs DIR              folder made by tests/peers/make_certs.sh (ca.pem, server.pem, server.key)
+  --certs DIR              folder made by sim/make_certs.sh (ca.pem, server.pem, server.key)
   --auth cert|token        cert: the client must present a certificate signed by ca.pem;
                            token: no client certificate, the HTTP header `Authorization` must equal --token
   --token TEXT             expected Authorization header value, e.g. "Bearer secret"

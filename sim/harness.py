@@ -1,7 +1,7 @@
 """Shared helpers of the end-to-end tests, the demo and the benchmark.
 
 They run the real kes_bstn daemon (KES_BSTN_BIN) against the Python LNS peer
-(tests/peers/lns_peer.py) and the packet-forwarder simulator (tests/peers/fwd_sim.py),
+(sim/lns_peer.py) and the packet-forwarder simulator (sim/fwd_sim.py),
 all on 127.0.0.1, with throw-away certificates and a generated TOML configuration.
 Every process started here is ended by its PID.
 """
@@ -19,13 +19,13 @@ import time
 import traceback
 
 SOURCE_DIR = os.environ.get("KES_SOURCE_DIR") or os.path.abspath(
-    os.path.join(os.path.dirname(__file__), "..", ".."))
-PEERS_DIR = os.path.join(SOURCE_DIR, "tests", "peers")
+    os.path.join(os.path.dirname(__file__), ".."))
+PEERS_DIR = os.path.join(SOURCE_DIR, "sim")
 PYTHON = "/usr/bin/python3"
 GW_EUI = "0016c001ff10a235"
 sys.path.insert(0, PEERS_DIR)
 
-import fwd_sim  # noqa: E402  (lives in tests/peers)
+import fwd_sim  # noqa: E402
 
 
 def bridge_binary():
@@ -85,7 +85,7 @@ def stop_pid(proc, grace=3.0):
 
 
 class LnsPeer:
-    """tests/peers/lns_peer.py as a child process; its JSON events are collected with arrival times."""
+    """sim/lns_peer.py as a child process; its JSON events are collected with arrival times."""
 
     def __init__(self, certs, *extra, on_event=None):
         self.on_event = on_event
@@ -156,7 +156,7 @@ class LnsPeer:
 
 
 class CupsPeer:
-    """tests/peers/cups_peer.py as a child; one record per request, stamped with its arrival time."""
+    """sim/cups_peer.py as a child; one record per request, stamped with its arrival time."""
 
     def __init__(self, certs, *specs, extra=()):
         cmd = [PYTHON, os.path.join(PEERS_DIR, "cups_peer.py"), "--certs", certs, *extra]
