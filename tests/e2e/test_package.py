@@ -201,6 +201,15 @@ class Package(unittest.TestCase):
         # the first pass stops at the missing CUPS key file.
         if os.path.exists(cfg["cups"]["key"]):
             self.skipTest("%s exists on this machine" % cfg["cups"]["key"])
+        # The shipped gw_eui is empty on purpose: the operator must set it first.
+        r = sh(os.path.join(self.root, "usr/bin/kes_bstn"), "-d", "-c", path, check=False)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("gw_eui", r.stderr)
+        with open(path) as f:
+            text = f.read().replace('gw_eui = ""', 'gw_eui = "00-16-c0-01-ff-10-a2-35"')
+        path = os.path.join(self.tmp, "kes_bstn.toml")
+        with open(path, "w") as f:
+            f.write(text)
         out = run_daemon_until([os.path.join(self.root, "usr/bin/kes_bstn"), "-d", "-v", "4", "-c", path],
                                "restarting Basic Station in 20 seconds...", 10)
         self.assertNotIn("aborting execution due to critical error", out)

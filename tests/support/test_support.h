@@ -33,6 +33,9 @@ private:
     std::string path_;
 };
 
+// True when `text` holds `part` (log captures, file contents).
+inline bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
+
 void write_file(const std::string &path, const std::string &content);
 std::string read_file(const std::string &path);
 bool file_exists(const std::string &path);
