@@ -58,21 +58,22 @@ def depends_names(depends):
 def run_daemon_until(argv, marker, seconds, **kw):
     """Runs the daemon, returns its standard error once `marker` appeared or
     after `seconds`; the process is always ended."""
-    p = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, **kw)
+    # Bytes, not text: a non-blocking text stream raises when nothing is ready.
+    p = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, **kw)
     os.set_blocking(p.stderr.fileno(), False)
-    out = ""
+    out = b""
     deadline = time.monotonic() + seconds
     try:
-        while time.monotonic() < deadline and marker not in out and p.poll() is None:
+        while time.monotonic() < deadline and marker.encode() not in out and p.poll() is None:
             time.sleep(0.1)
-            out += p.stderr.read() or ""
+            out += p.stderr.read() or b""
     finally:
         if p.poll() is None:
             p.send_signal(signal.SIGTERM)
         p.wait(timeout=10)
-        out += p.stderr.read() or ""
+        out += p.stderr.read() or b""
         p.stderr.close()
-    return out
+    return out.decode(errors="replace")
 
 
 class Package(unittest.TestCase):
