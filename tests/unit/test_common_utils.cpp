@@ -1,4 +1,4 @@
-// CRC-32, file, hex, EUI-64 and Base64 helpers.
+// CRC-32, file, hex and Base64 helpers (EUI and hex texts of frames: the frame parser's tests).
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -55,7 +55,7 @@ TEST(Utils, WriteFileReplacesContentAndReportsErrno) {
     EXPECT_EQ(bridge_utils_write_buf_to_file("/dev/full", "x", 1), -ENOSPC);
 }
 
-TEST(Utils, HexTextAndBytes) {
+TEST(Utils, HexTextToBytes) {
     const struct {
         const char *text;
         size_t arr_sz;
@@ -79,20 +79,6 @@ TEST(Utils, HexTextAndBytes) {
         }
         EXPECT_EQ(arr[r.arr_sz], 0xEE) << r.fault;
     }
-    const uint8_t bytes[] = {0x00, 0xab, 0x7f, 0xff};
-    char out[9];
-    EXPECT_EQ(bridge_utils_array_to_hexstring(bytes, 4, out, 9), 0);
-    EXPECT_STREQ(out, "00ab7fff");
-    EXPECT_EQ(bridge_utils_array_to_hexstring(bytes, 4, out, 8), -1) << "no room for the terminator";
-}
-
-TEST(Utils, Eui64TextIsMostSignificantByteFirst) {
-    const uint8_t eui[8] = {0x35, 0xa2, 0x10, 0xff, 0x01, 0xc0, 0x16, 0x00};
-    char out[24];
-    EXPECT_EQ(bridge_utils_format_eui64(eui, 8, out, 24), 0);
-    EXPECT_STREQ(out, "00-16-c0-01-ff-10-a2-35");
-    EXPECT_EQ(bridge_utils_format_eui64(eui, 8, out, 23), -1);
-    EXPECT_EQ(bridge_utils_format_eui64(eui, 7, out, 24), -1);
 }
 
 std::vector<uint8_t> decode(const std::string &text) {
