@@ -5,9 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "common/bridge_utils.h"
+#include <cstring>
 #include "converter/data/bridge_translator.h"
-#include "support/test_support.h"
 
 namespace {
 
@@ -16,7 +15,6 @@ using bytes = std::vector<uint8_t>;
 struct Parsed {
     int rc;
     uplink_frame frame;
-    std::string log;
 };
 
 // The parser may read one byte past the PHY: give it exactly that (a heap
@@ -27,16 +25,8 @@ Parsed parse(const bytes &phy, uint32_t version = 2, int64_t xtime = 0x2A0000123
     buf.push_back(0);
     Parsed p{};
     memset(&p.frame, 0x5A, sizeof(p.frame));
-    bridge_log_init(BRIDGE_LOG_TRACE, true);
-    kes_test::StderrCapture cap;
     p.rc = bridge_translate_parse_uplink_phy(buf.data(), phy.size(), xtime, version, &p.frame);
-    p.log = cap.stop();
-    bridge_log_init(BRIDGE_LOG_ERROR, true);
     return p;
-}
-
-bool has(const std::string &log, const std::string &text) {
-    return log.find(text) != std::string::npos;
 }
 
 const bytes JOIN_REQUEST = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x11, 0x12, 0x13,
@@ -44,27 +34,13 @@ const bytes JOIN_REQUEST = {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08
 
 TEST(TranslatorPhy, JoinRequestFields) {
     Parsed p = parse(JOIN_REQUEST);
-    ASSERT_EQ(p.rc, 0) << p.log;
+    ASSERT_EQ(p.rc, 0);
     EXPECT_EQ(p.frame.frame_type, BRIDGE_FRAME_JOIN_REQUEST);
     EXPECT_EQ(p.frame.mhdr, 0x00);
     EXPECT_STREQ(p.frame.join_eui, "08-07-06-05-04-03-02-01");
     EXPECT_STREQ(p.frame.dev_eui, "18-17-16-15-14-13-12-11");
     EXPECT_EQ(p.frame.dev_nonce, 0x1234);
     EXPECT_EQ(p.frame.mic, -0x22334456);
-    EXPECT_TRUE(has(p.log, "extracted dev EUI: 18-17-16-15-14-13-12-11 join EUI: 08-07-06-05-04-03-02-01"));
-}
-
-TEST(TranslatorPhy, JoinRequestTraceWordingPerVersion) {
-    Parsed v1 = parse(JOIN_REQUEST, 1, 11821949021847552ll);
-    Parsed v2 = parse(JOIN_REQUEST, 2, 11821949021847552ll);
-    ASSERT_EQ(v1.rc, 0);
-    ASSERT_EQ(v2.rc, 0);
-    EXPECT_TRUE(has(v1.log, "join request received\n")) << v1.log;
-    EXPECT_FALSE(has(v1.log, "join request received: ["));
-    EXPECT_TRUE(has(v2.log, "join request received: [23] bytes")) << v2.log;
-    const char *fields = "extracted MHdr: 0 Nonce: 0x1234 MIC: 0xddccbbaa, xtime: 11821949021847552";
-    EXPECT_TRUE(has(v1.log, fields)) << v1.log;
-    EXPECT_TRUE(has(v2.log, fields)) << v2.log;
 }
 
 TEST(TranslatorPhy, RejectedFrames) {
@@ -74,26 +50,20 @@ TEST(TranslatorPhy, RejectedFrames) {
     struct {
         const char *what;
         bytes phy;
-        const char *message;
     } rows[] = {
-        {"join request of 22 bytes", join22,
-         "invalid size of join request payload, expected 23 bytes, got: [22]"},
-        {"join request of 24 bytes", join24,
-         "invalid size of join request payload, expected 23 bytes, got: [24]"},
-        {"join accept", bytes(17, 0x20), "unknown uplink packet type: [0x1]"},
-        {"rejoin request", bytes(19, 0xC0), "unknown uplink packet type: [0x6]"},
-        {"proprietary", bytes(12, 0xE0), "unknown uplink packet type: [0x7]"},
-        {"data frame of 6 bytes", {0x40, 1, 2, 3, 4, 0x00}, "LoRa PHY of [6] bytes is too small for data uplink"},
-        {"data frame of 3 bytes", {0x40, 1, 2}, "LoRa PHY of [3] bytes is too small for data uplink"},
-        {"FOptsLen 5 in 11 bytes", {0x40, 1, 2, 3, 4, 0x05, 0, 0, 1, 2, 3},
-         "LoRa data packet of [11] bytes is too small"},
+        {"join request of 22 bytes", join22},
+        {"join request of 24 bytes", join24},
+        {"join accept", bytes(17, 0x20)},
+        {"rejoin request", bytes(19, 0xC0)},
+        {"proprietary", bytes(12, 0xE0)},
+        {"data frame of 6 bytes", {0x40, 1, 2, 3, 4, 0x00}},
+        {"data frame of 3 bytes", {0x40, 1, 2}},
+        {"FOptsLen 5 in 11 bytes", {0x40, 1, 2, 3, 4, 0x05, 0, 0, 1, 2, 3}},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
         Parsed p = parse(r.phy);
         EXPECT_EQ(p.rc, -1);
-        EXPECT_TRUE(has(p.log, std::string("[ERROR ] ") )) << p.log;
-        EXPECT_TRUE(has(p.log, r.message)) << p.log;
     }
 }
 
@@ -136,7 +106,7 @@ TEST(TranslatorPhy, DataFrames) {
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
         Parsed p = parse(r.phy);
-        ASSERT_EQ(p.rc, 0) << p.log;
+        ASSERT_EQ(p.rc, 0);
         EXPECT_EQ(p.frame.frame_type, r.type);
         EXPECT_EQ(p.frame.mhdr, r.phy[0]);
         EXPECT_EQ(p.frame.dev_addr, r.dev_addr);
@@ -146,8 +116,6 @@ TEST(TranslatorPhy, DataFrames) {
         EXPECT_EQ(p.frame.fport, r.fport);
         EXPECT_STREQ(p.frame.frm_payload, r.payload);
         EXPECT_EQ(p.frame.mic, r.mic);
-        EXPECT_TRUE(has(p.log, "data uplink request received, type: [")) << p.log;
-        EXPECT_EQ(has(p.log, "extracted FRMPayload: "), r.payload[0] != '\0') << p.log;
     }
 }
 
@@ -158,15 +126,11 @@ TEST(TranslatorPhy, FOptsReachingTheTerminator) {
     for (uint8_t b = 1; b <= 14; b++) phy.push_back(b); // PHY[8..21]
     ASSERT_EQ(phy.size(), 22u);
     Parsed p = parse(phy);
-    ASSERT_EQ(p.rc, 0) << p.log;
+    ASSERT_EQ(p.rc, 0);
     EXPECT_STREQ(p.frame.fopts, "0102030405060708090a0b0c0d0e00");
     EXPECT_EQ(p.frame.fport, -1);
     EXPECT_STREQ(p.frame.frm_payload, "");
     EXPECT_EQ(p.frame.mic, 0x0E0D0C0B);
-    EXPECT_TRUE(has(p.log, "extracted FCtrl: 0xf, FCnt: 0x2")) << p.log;
-    EXPECT_TRUE(
-        has(p.log, "extracted FOpts: 0102030405060708090a0b0c0d0e00 MHdr: 0x40 DevAddr: 0x1, MIC: 0xe0d0c0b, xtime: "))
-        << p.log;
 }
 
 // The largest PHY (255 bytes) gives the longest payload text (242 bytes).
@@ -174,7 +138,7 @@ TEST(TranslatorPhy, LargestDataFrame) {
     bytes phy = {0x40, 1, 2, 3, 4, 0x00, 0, 0, 0x01};
     while (phy.size() < 255) phy.push_back(static_cast<uint8_t>(phy.size()));
     Parsed p = parse(phy);
-    ASSERT_EQ(p.rc, 0) << p.log;
+    ASSERT_EQ(p.rc, 0);
     EXPECT_EQ(p.frame.fport, 1);
     EXPECT_EQ(strlen(p.frame.frm_payload), 484u);
     EXPECT_EQ(std::string(p.frame.frm_payload).substr(0, 6), "090a0b");
