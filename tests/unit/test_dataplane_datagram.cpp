@@ -113,7 +113,6 @@ TEST(Dataplane, DatagramAndDownlinkDecisions) {
     const bytes push_ack_v2 = {2, 0x34, 0x12, GWMP_PUSH_ACK};
     const std::string bad_second = R"({"rxpk":[)" + rxpk(7) + R"(,{"freq":868.1},)" + rxpk(2) + "]}";
     const Step steps[] = { // in order: each step starts where the one before left the dataplane
-        {"downlink sent before any PULL_DATA", {}, DNMSG, -1, std::nullopt, {{BRIDGE_CNT_DN_DROP_NO_FORWARDER, 1}}},
         {"stat count not synchronising the time base", gwmp(2, GWMP_PUSH_DATA, R"({"stat":{"count":77}})"), "", 0,
          push_ack_v2, {}, 77},
         {"v1 acknowledgement with the wrong version", gwmp(1, GWMP_PUSH_DATA, R"({"stat":{}})"), "", 0,
