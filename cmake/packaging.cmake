@@ -96,7 +96,7 @@ set(CPACK_DEBIAN_PACKAGE_DEPENDS "\
 libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), \
 libjson-c5 (>= 0.15), libwebsockets17 (>= 4.1.6), libcurl4 (>= 7.88.1), \
 libssl3 (>= 3.0.0), liburiparser1 (>= 0.9.7), libtomlplusplus3 (>= 3.3.0), \
-adduser")
+libsystemd0 (>= 252), adduser")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   "${KES_PKG_DIR}/conffiles;${KES_PKG_DIR}/postinst;${KES_PKG_DIR}/prerm;${KES_PKG_DIR}/postrm")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
