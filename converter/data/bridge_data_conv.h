@@ -11,6 +11,7 @@ using bridge_dataplane_cb = void (*)(uint32_t kind, void *arg);
 
 int bridge_dataplane_init(bridge_dataplane_cb cb, void *cb_arg);
 int bridge_dataplane_deinit();
+// Binds `port` on [semtech] bind_address (empty: every IPv4 address) and starts the worker.
 int bridge_dataplane_start_server(int port);
 int bridge_dataplane_stop_server();
 int bridge_dataplane_ns_connect();
