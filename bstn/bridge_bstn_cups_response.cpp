@@ -7,10 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <string_view>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -29,21 +26,25 @@ constexpr uint8_t DER_SEQUENCE_TAG = 0x30;
 
 using section_processor = int (*)(bridge_bstn_cups_ctx *ctx, const uint8_t *data, size_t len);
 
-// Replaces a URI or token file by raw bytes.
-int write_raw(const char *path, const void *data, size_t len) {
+// Replaces a URI, token (raw bytes) or PEM file; each kind keeps its own
+// message for a file that cannot be created.
+int write_cred_file(const char *path, const void *data, size_t len, bool pem) {
     LOG_TRACE("trying to write [%zu] bytes to %s ...", len, path);
     bridge_bstn_cups_write_step step;
     int rc = bridge_bstn_cups_replace_file(path, data, len, &step);
     if (rc != 0) {
         errno = -rc;
-        if (step == CUPS_WRITE_OPEN) {
-            LOG_ERROR("can't open a file %s: %m", path);
-        } else {
+        if (step != CUPS_WRITE_OPEN) {
             LOG_ERROR("failed to write a file %s: %m (%s)", path, bridge_bstn_cups_write_step_name(step));
+        } else if (pem) {
+            LOG_ERROR("failed to open/create a file %s for writing: %m", path);
+        } else {
+            LOG_ERROR("can't open a file %s: %m", path);
         }
     }
     return rc;
 }
+int write_raw(const char *path, const void *data, size_t len) { return write_cred_file(path, data, len, false); }
 
 // A CUPS URI that is not https would send the next request and its credentials
 // in clear text: it is never stored.
@@ -102,17 +103,7 @@ struct bio_free {
 int write_pem(const char *filepath, BIO *pem) {
     char *text = nullptr;
     const long len = BIO_get_mem_data(pem, &text);
-    bridge_bstn_cups_write_step step;
-    int rc = bridge_bstn_cups_replace_file(filepath, text, static_cast<size_t>(len), &step);
-    if (rc != 0) {
-        errno = -rc;
-        if (step == CUPS_WRITE_OPEN) {
-            LOG_ERROR("failed to open/create a file %s for writing: %m", filepath);
-        } else {
-            LOG_ERROR("failed to write a file %s: %m (%s)", filepath, bridge_bstn_cups_write_step_name(step));
-        }
-    }
-    return rc;
+    return write_cred_file(filepath, text, static_cast<size_t>(len), true);
 }
 
 struct x509_free {
