@@ -415,7 +415,7 @@ TEST_F(CupsExchange, RequestUrlIsResolvedAgainstTheCupsUri) {
     }
 }
 
-TEST_F(CupsExchange, WriteCallbackStopsWithoutLosingTheEarlierBody) {
+TEST(CupsWriteCallback, StopsWithoutLosingTheEarlierBody) {
     struct Case {
         const char *fault;
         bool realloc_fails;
@@ -428,6 +428,7 @@ TEST_F(CupsExchange, WriteCallbackStopsWithoutLosingTheEarlierBody) {
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.fault);
+        bridge_bstn_cups_realloc = flaky_realloc;
         bridge_bstn_cups_transfer_limits.max_body = c.max_body;
         bridge_bstn_cups_ctx ctx{};
         char a[] = "abc", b[] = "defgh";
@@ -439,6 +440,8 @@ TEST_F(CupsExchange, WriteCallbackStopsWithoutLosingTheEarlierBody) {
         fail_realloc = false;
         bridge_bstn_cups_ctx_reset(&ctx);
     }
+    bridge_bstn_cups_realloc = realloc;
+    bridge_bstn_cups_transfer_limits = BRIDGE_BSTN_CUPS_LIMITS;
 }
 
 } // namespace

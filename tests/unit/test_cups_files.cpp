@@ -47,14 +47,6 @@ bytes update(const bytes &cups_uri, const bytes &lns_uri, const bytes &cups_cred
 
 class CupsFiles : public ::testing::Test {
 public:
-    static void SetUpTestSuite() {
-        certs = new kes_test::TempDir();
-        ASSERT_TRUE(kes_test::make_certs(certs->path()));
-    }
-    static void TearDownTestSuite() { delete certs; }
-    static bytes der(const std::string &name) { return of(read_file(certs->file(name))); }
-    static std::string pem(const std::string &name) { return read_file(certs->file(name)); }
-
     void SetUp() override { fresh(); }
     void TearDown() override { bridge_bstn_cups_file_sys = saved_sys; }
     void fresh() {
@@ -77,12 +69,24 @@ public:
     bridge_cfg_creds &cups() { return bridge_config_get_root()->cups; }
     bridge_cfg_creds &lns() { return bridge_config_get_root()->lns; }
 
-    static kes_test::TempDir *certs;
     const bridge_bstn_cups_file_syscalls saved_sys = bridge_bstn_cups_file_sys;
     std::unique_ptr<kes_test::TempDir> tmp;
     bridge_bstn_cups_ctx ctx{};
 };
-kes_test::TempDir *CupsFiles::certs = nullptr;
+
+// The same with DER and PEM forms of real certificates and keys (made once per suite).
+class CupsPem : public CupsFiles {
+public:
+    static void SetUpTestSuite() {
+        certs = new kes_test::TempDir();
+        ASSERT_TRUE(kes_test::make_certs(certs->path()));
+    }
+    static void TearDownTestSuite() { delete certs; }
+    static bytes der(const std::string &name) { return of(read_file(certs->file(name))); }
+    static std::string pem(const std::string &name) { return read_file(certs->file(name)); }
+    static kes_test::TempDir *certs;
+};
+kes_test::TempDir *CupsPem::certs = nullptr;
 
 TEST_F(CupsFiles, SectionWalk) {
     struct Case {
@@ -130,7 +134,7 @@ TEST(CupsDerSeqLen, Table) {
         EXPECT_EQ(bridge_bstn_cups_der_seq_len(in.data(), in.size()), len) << in.size() << " bytes, " << int{in.back()};
 }
 
-TEST_F(CupsFiles, CredentialsBlobs) {
+TEST_F(CupsPem, CredentialsBlobs) {
     const std::string token = "Authorization: Bearer 0123456789abcdef\r\n";
     const std::string fuzz_blob =
         read_file(kes_test::source_dir() + "/fuzz/regressions/cups_response/der_len_wraps_to_zero_key");
@@ -170,7 +174,7 @@ struct pkey_free {
 
 // Backup, then a full update, under umask 0: every file is private, the keys
 // are the ones that came as DER, and longer earlier contents leave no trace.
-TEST_F(CupsFiles, BackupAndFullUpdateWriteExactPrivateFiles) {
+TEST_F(CupsPem, BackupAndFullUpdateWriteExactPrivateFiles) {
     write_file(cups().uri, "https://cups1");
     write_file(cups().trust, "trust");
     for (const char *path : {cups().cert, cups().key, lns().key}) write_file(path, std::string(9000, '#'));
@@ -291,7 +295,7 @@ int failing_rename(const char *, const char *) { errno = EIO; return -1; }
 
 // Every writer (token, PEM, copy) goes through the replacement: a failure at
 // any step before the rename leaves the old file byte for byte and no temporary.
-TEST_F(CupsFiles, FailedWriteLeavesTheOldFile) {
+TEST_F(CupsPem, FailedWriteLeavesTheOldFile) {
     const std::string old_text("old content\n\0binary", 19);
     const std::pair<const char *, bridge_bstn_cups_file_syscalls> faults[] = {
         {"write", {failing_write, fsync, rename}},
