@@ -292,6 +292,9 @@ TEST_F(CupsFiles, UnopenableLnsTrustFailsInsteadOfBeingSkipped) {
 ssize_t failing_write(int, const void *, size_t) { errno = EIO; return -1; }
 int failing_fsync(int) { errno = EIO; return -1; }
 int failing_rename(const char *, const char *) { errno = EIO; return -1; }
+// The file's fsync passes, the folder's (after the rename) fails.
+int fsync_calls = 0;
+int failing_folder_fsync(int fd) { return ++fsync_calls == 1 ? fsync(fd) : failing_fsync(fd); }
 
 // Every writer (token, PEM, copy) goes through the replacement: a failure at
 // any step before the rename leaves the old file byte for byte and no temporary.
@@ -320,6 +323,11 @@ TEST_F(CupsPem, FailedWriteLeavesTheOldFile) {
             while (dirent *e = readdir(d.get())) EXPECT_EQ(strstr(e->d_name, ".tmp-"), nullptr) << e->d_name;
         }
     }
+    // A rename that may not survive a power cut is reported.
+    bridge_bstn_cups_file_sys = {write, failing_folder_fsync, rename};
+    bridge_bstn_cups_write_step step;
+    EXPECT_EQ(bridge_bstn_cups_replace_file(cups().uri, "x", 1, &step), -EIO);
+    EXPECT_EQ(step, CUPS_WRITE_DIR_SYNC);
 }
 
 } // namespace
