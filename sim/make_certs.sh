@@ -39,3 +39,13 @@ q pkey -in client.key -outform DER -out client.key.der
 q pkey -in client_ec.key -outform DER -out client_ec.key.der
 chmod 600 *.key
 rm -f *.csr *.ext *.srl
+
+# A second CA and a server certificate for 127.0.0.1 from it: a stand-in for a public CA
+# that the bridge must not trust unless its trust file names it.
+q req -x509 -newkey rsa:2048 -nodes -keyout other_ca.key -out other_ca.pem -days 30 -subj "/CN=kes other CA"
+printf 'subjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth\n' > other.ext
+q req -newkey rsa:2048 -nodes -keyout other_server.key -out other_server.csr -subj "/CN=localhost"
+q x509 -req -in other_server.csr -CA other_ca.pem -CAkey other_ca.key -CAcreateserial -out other_server.pem -days 30 \
+  -extfile other.ext
+chmod 600 other_ca.key other_server.key
+rm -f other_server.csr other.ext other_ca.srl
