@@ -37,9 +37,7 @@ inline const std::string &certs_dir() {
     return dir.path();
 }
 
-inline void set_text(char *field, const std::string &value) {
-    snprintf(field, BRIDGE_CFG_STR_SZ, "%s", value.c_str());
-}
+using kes_test::set_text;
 
 // Fills the configuration root: primary and backup credentials are the same client files.
 inline void configure(const kes_test::TempDir &dir, const std::string &uri_text,
