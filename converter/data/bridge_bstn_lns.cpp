@@ -257,7 +257,8 @@ int lns_ring_insert(struct lws_ring *ring, bridge_bstn_lns_ring_msg *ring_msg) {
     BRIDGE_ASSERT(ring);
     BRIDGE_ASSERT(ring_msg);
     if (lws_ring_insert(ring, ring_msg, 1) != 1) {
-        LOG_ERROR("failed to insert a message into the ringbuffer");
+        // A full queue refuses every text of a burst: one line, then one a minute.
+        LOG_ERROR_LIMITED("failed to insert a message into the ringbuffer");
         return -1;
     }
     return 0;
@@ -380,6 +381,7 @@ int lns_ws_connect(bridge_bstn_lns_ctx *ctx, const char *host, const char *path,
     lns_lock_guard guard(ctx);
     ctx->lws_conn = conn;
     ctx->ws_ctx = context;
+    ctx->wake_pending = false;
     return 0;
 }
 
@@ -644,6 +646,7 @@ int lns_main_loop(bridge_bstn_lns_ctx *ctx) {
         lns_loop_alive();
 
         lns_lock_guard guard(ctx);
+        ctx->wake_pending = false;
         size_t up_waiting = lws_ring_get_count_waiting_elements(ctx->buffers.uplink_ring, nullptr);
         LOG_TRACE("uplink ringbuffer waiting elements: %zu", up_waiting);
         if (up_waiting != 0 && !ctx->conn_closed) lws_callback_on_writable(ctx->lws_conn);

@@ -79,6 +79,9 @@ struct bridge_bstn_lns_ctx {
     // ends as after a text that is not JSON.
     bool rx_failed;
     bool conn_backup; // the connection uses the backup credential set
+    // An uplink push has woken the service loop and the loop has not run since: further
+    // pushes need not wake it again (the wake-up pipe's write end may block when full).
+    bool wake_pending;
     bridge_bstn_lns_rx rx;
     char tls_cause[LNS_CAUSE_SZ]; // why TLS failed on the current connection, "" if it did not
     bridge_bstn_lns_tick tick;

@@ -407,8 +407,11 @@ void bridge_bstn_lns_downlink_unsubscribe() {
 
 int bridge_bstn_lns_uplink_push(json_object *lns_uplink) {
     BRIDGE_ASSERT(lns_uplink);
+    // Refusals return 0 (the dataplane treats them as done) and are counted here, where they
+    // are known; a full queue returns -1 for the dataplane to count.
     if (!lns.inited) {
         LOG_DEBUG("LNS service is in transition state, skipping uplink...");
+        bridge_health_count(BRIDGE_CNT_UP_DROP_LNS);
         return 0;
     }
     json_object *dr_obj = nullptr;
@@ -420,7 +423,8 @@ int bridge_bstn_lns_uplink_push(json_object *lns_uplink) {
     LOG_TRACE("SF/BW string: %s", bw_sf_str);
     int sf = 0, bw = 0;
     if (sscanf(bw_sf_str, "SF%dBW%d", &sf, &bw) != 2) {
-        LOG_ERROR("invalid SF/BW string: %s", bw_sf_str);
+        LOG_ERROR_LIMITED("invalid SF/BW string: %s", bw_sf_str);
+        bridge_health_count(BRIDGE_CNT_UP_DROP_LNS);
         return 0;
     }
 
@@ -435,11 +439,13 @@ int bridge_bstn_lns_uplink_push(json_object *lns_uplink) {
     }
     if (lns.lws_conn == NULL) {
         LOG_DEBUG("LNS service is initialized, but connection is not yet established, skipping uplink...");
+        bridge_health_count(BRIDGE_CNT_UP_DROP_LNS);
         return 0;
     }
     if (index < 0) {
-        LOG_ERROR("no matching DR found for SF [%#x] and BW [%#x]", static_cast<unsigned>(sf),
+        LOG_ERROR_LIMITED("no matching DR found for SF [%#x] and BW [%#x]", static_cast<unsigned>(sf),
                   static_cast<unsigned>(bw));
+        bridge_health_count(BRIDGE_CNT_UP_DROP_LNS);
         return 0;
     }
     json_object *dr_idx = json_object_new_int(index);
@@ -463,6 +469,9 @@ int bridge_bstn_lns_uplink_push(json_object *lns_uplink) {
     LOG_TRACE("uplink ringbuffer free elements: %zu", lws_ring_get_count_free_elements(ring));
     LOG_TRACE("uplink ringbuffer waiting elements: %zu", lws_ring_get_count_waiting_elements(ring, nullptr));
     const int status = lns_ring_push_copy(ring, text);
-    lws_cancel_service(lns.ws_ctx);
+    if (!lns.wake_pending) {
+        lns.wake_pending = true;
+        lws_cancel_service(lns.ws_ctx);
+    }
     return status;
 }

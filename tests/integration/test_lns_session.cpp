@@ -1,20 +1,114 @@
-// The LNS client against the Python LNS peer: a whole session, discovery with its backup,
-// server authentication, the causes named by failed connections, and what ends a session.
-#include "integration/test_lns_support.h"
-
+// The LNS client against the Python LNS peer (sim/lns_peer.py): a whole session, discovery with
+// its backup, server authentication, the causes named by failed connections, what ends a session.
+#include <chrono>
 #include <condition_variable>
+#include <cstring>
+#include <functional>
 #include <future>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
-using kes_test::set_text;
-using lns_test::Peer;
+#include <gtest/gtest.h>
+
+#include "common/bridge_bstn_config.h"
+#include "common/bridge_json_helpers.h"
+#include "common/bridge_utils.h"
+#include "converter/data/bridge_bstn_lns_internal.h"
+#include "support/test_support.h"
 
 namespace {
 
+using kes_test::set_text;
+const char *GW_EUI = "0016c001ff10a235";
+
+// One PKI for the whole test program: key generation is the slow part.
+const std::string &certs_dir() {
+    static kes_test::TempDir dir;
+    static bool made = kes_test::make_certs(dir.path());
+    EXPECT_TRUE(made);
+    return dir.path();
+}
+
+// Main and backup sets name the same client files; each set has its own URI file.
+void configure(const kes_test::TempDir &dir, const std::string &uri, const std::string &backup_uri = "") {
+    bridge_cfg_root *cfg = bridge_config_get_root();
+    memset(cfg, 0, sizeof(*cfg));
+    set_text(cfg->general.gw_eui, GW_EUI);
+    set_text(cfg->general.fw_version, "1.7.1");
+    kes_test::write_file(dir.file("tc.uri"), uri);
+    kes_test::write_file(dir.file("tc-bak.uri"), backup_uri);
+    const std::string &c = certs_dir();
+    for (auto [u, t, cert, key, file] : {std::tuple(cfg->lns.uri, cfg->lns.trust, cfg->lns.cert, cfg->lns.key, "tc.uri"),
+                                         std::tuple(cfg->lns.uri_backup, cfg->lns.trust_backup, cfg->lns.cert_backup,
+                                                    cfg->lns.key_backup, "tc-bak.uri")}) {
+        snprintf(u, BRIDGE_CFG_STR_SZ, "%s", dir.file(file).c_str());
+        snprintf(t, BRIDGE_CFG_STR_SZ, "%s/ca.pem", c.c_str());
+        snprintf(cert, BRIDGE_CFG_STR_SZ, "%s/client.pem", c.c_str());
+        snprintf(key, BRIDGE_CFG_STR_SZ, "%s/client.key", c.c_str());
+    }
+}
+
+// Token mode for both sets: no certificate file, the key file holds the header lines.
+void configure_token(const kes_test::TempDir &dir, const std::string &header_lines) {
+    bridge_cfg_root *cfg = bridge_config_get_root();
+    kes_test::write_file(dir.file("tc.key"), header_lines);
+    for (char *cert : {cfg->lns.cert, cfg->lns.cert_backup}) snprintf(cert, BRIDGE_CFG_STR_SZ, "%s", dir.file("none.crt").c_str());
+    for (char *key : {cfg->lns.key, cfg->lns.key_backup}) snprintf(key, BRIDGE_CFG_STR_SZ, "%s", dir.file("tc.key").c_str());
+}
+
+std::string str(json_object *o, const char *key) {
+    json_object *v = nullptr;
+    return o && json_object_object_get_ex(o, key, &v) && json_object_is_type(v, json_type_string)
+               ? json_object_get_string(v)
+               : "";
+}
+int64_t num(json_object *o, const char *key) {
+    json_object *v = nullptr;
+    return o && json_object_object_get_ex(o, key, &v) ? json_object_get_int64(v) : -12345;
+}
+
+// The LNS peer and its JSON event lines.
+struct Peer {
+    explicit Peer(std::vector<std::string> extra = {}) {
+        std::vector<std::string> argv = {kes_test::python(), kes_test::source_dir() + "/sim/lns_peer.py", "--certs",
+                                         certs_dir()};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        port = std::stoi(proc.start(argv, "READY"));
+    }
+    std::string uri() const { return "wss://127.0.0.1:" + std::to_string(port); }
+    // Next event for which `pred` holds; null on time-out.
+    bridge_json_ptr wait_event(const std::function<bool(json_object *)> &pred) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        for (;;) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+            std::string line = left.count() > 0 ? proc.read_line(static_cast<int>(left.count())) : "";
+            if (line.empty()) return nullptr;
+            bridge_json_ptr ev(json_tokener_parse(line.c_str()));
+            if (ev && pred(ev.get())) return ev;
+        }
+    }
+    // Next message of `msgtype` received on the traffic connection.
+    bridge_json_ptr wait_recv(const std::string &msgtype) {
+        json_object *msg = nullptr;
+        bridge_json_ptr ev = wait_event([&](json_object *e) {
+            return str(e, "event") == "recv" && json_object_object_get_ex(e, "msg", &msg) &&
+                   str(msg, "msgtype") == msgtype;
+        });
+        return ev ? bridge_json_ptr(json_object_get(msg)) : nullptr;
+    }
+    bridge_json_ptr wait_named(const std::string &event) {
+        return wait_event([&](json_object *e) { return str(e, "event") == event; });
+    }
+    void command(const std::string &json_line) { proc.write_line(json_line); }
+
+    kes_test::Process proc;
+    int port = 0;
+};
+
 struct Delivered {
     std::mutex m;
-    std::condition_variable cv;
     std::vector<std::string> texts;
 };
 
@@ -22,7 +116,6 @@ int record_downlink(int, void *arg, const char *data, size_t) {
     auto *d = static_cast<Delivered *>(arg);
     std::lock_guard<std::mutex> g(d->m);
     d->texts.emplace_back(data);
-    d->cv.notify_all();
     return 0;
 }
 
@@ -31,7 +124,7 @@ bridge_json_ptr parse(const std::string &text) { return bridge_json_ptr(json_tok
 class LnsSessionTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        lns_test::certs_dir();
+        certs_dir();
         bridge_log_init(BRIDGE_LOG_ERROR, true);
         lns_retry_pause_secs = 0;
     }
@@ -49,7 +142,7 @@ protected:
     // Peer, discovery, subscription and a running session.
     void start(std::vector<std::string> peer_args = {}) {
         peer = std::make_unique<Peer>(std::move(peer_args));
-        lns_test::configure(dir, peer->uri());
+        configure(dir, peer->uri());
         ASSERT_EQ(bridge_bstn_lns_init_discovery(BRIDGE_LOG_ERROR, false), 0);
         bridge_bstn_lns_downlink_subscribe(record_downlink, &delivered);
         session = std::async(std::launch::async, bridge_bstn_lns_start);
@@ -96,23 +189,26 @@ TEST_F(LnsSessionTest, LongMessagesGiveAWorkingSession) {
     start({"--router-config", dir.file("rc.json")});
     ASSERT_TRUE(wait_handshake());
     EXPECT_EQ(lns.drs_count, 16);
+    bridge_json_ptr version = peer->wait_recv("version");
+    EXPECT_EQ(str(version.get(), "firmware"), "1.7.1");
+    EXPECT_EQ(num(version.get(), "protocol"), 2);
 
     bridge_json_ptr up = parse(R"({"msgtype":"updf","DR":"SF7BW250","upinfo":{"rctx":0,"xtime":77}})");
     ASSERT_EQ(bridge_bstn_lns_uplink_push(up.get()), 0);
-    bridge_json_ptr got = peer->wait_recv("traffic", "updf");
+    bridge_json_ptr got = peer->wait_recv("updf");
     ASSERT_TRUE(got);
-    EXPECT_EQ(Peer::num(got.get(), "DR"), 6);
+    EXPECT_EQ(num(got.get(), "DR"), 6);
 
     peer->command(R"({"cmd":"send","msg":{"msgtype":"dnmsg","DevEui":"00-00-00-00-00-00-00-01","diid":5,"dC":0,)"
                   R"("xtime":1000000,"RX1DR":5,"RX1Freq":868100000,"rctx":2,"pdu":")" +
                   std::string(6000, 'a') + R"("}})");
-    bridge_json_ptr dntxed = peer->wait_recv("traffic", "dntxed");
+    bridge_json_ptr dntxed = peer->wait_recv("dntxed");
     ASSERT_TRUE(dntxed);
-    EXPECT_EQ(Peer::num(dntxed.get(), "diid"), 5);
-    EXPECT_EQ(Peer::num(dntxed.get(), "xtime"), 2000000);
+    EXPECT_EQ(num(dntxed.get(), "diid"), 5);
+    EXPECT_EQ(num(dntxed.get(), "xtime"), 2000000);
     std::lock_guard<std::mutex> g(delivered.m);
     ASSERT_EQ(delivered.texts.size(), 1u);
-    EXPECT_EQ(Peer::str(parse(delivered.texts[0]).get(), "pdu").size(), 6000u);
+    EXPECT_EQ(str(parse(delivered.texts[0]).get(), "pdu").size(), 6000u);
 }
 
 TEST_F(LnsSessionTest, WhatEndsASession) {
@@ -145,19 +241,19 @@ TEST_F(LnsSessionTest, WhatEndsASession) {
 
 TEST_F(LnsSessionTest, DiscoveryTakesTheReplyOfAClosingServerOnTheBackup) {
     Peer backup; // closes the discovery connection right after its reply, like real servers
-    lns_test::configure(dir, "wss://127.0.0.1:" + std::to_string(lns_test::unused_port()) + "/a/b",
+    configure(dir, "wss://127.0.0.1:1/a/b",
                         backup.uri() + "/prefix");
     std::string log;
     ASSERT_EQ(discover(&log), 0) << log;
-    EXPECT_STREQ(lns.lns_uri, (backup.uri() + "/traffic/" + lns_test::GW_EUI).c_str());
-    EXPECT_EQ(Peer::str(backup.wait_named("connected").get(), "path"), "/prefix/router-info");
+    EXPECT_STREQ(lns.lns_uri, (backup.uri() + "/traffic/" + GW_EUI).c_str());
+    EXPECT_EQ(str(backup.wait_named("connected").get(), "path"), "/prefix/router-info");
     EXPECT_EQ(lns.ws_ctx, nullptr);
 }
 
 // Each failure names its cause (the texts the operator guide tells operators to look for).
 TEST_F(LnsSessionTest, FailedConnectionsNameTheirCause) {
-    const std::string &c = lns_test::certs_dir();
-    auto token = [&](const std::string &header) { return [&, header] { lns_test::configure_token(dir, header); }; };
+    const std::string &c = certs_dir();
+    auto token = [&](const std::string &header) { return [&, header] { configure_token(dir, header); }; };
     struct Row {
         const char *fault;
         std::vector<std::string> peer_args;
@@ -198,7 +294,7 @@ TEST_F(LnsSessionTest, FailedConnectionsNameTheirCause) {
     };
     for (const Row &r : rows) {
         Peer p(r.peer_args);
-        lns_test::configure(dir, p.uri(), p.uri());
+        configure(dir, p.uri(), p.uri());
         r.setup();
         std::string log;
         EXPECT_NE(discover(&log), 0) << r.fault;
@@ -209,7 +305,7 @@ TEST_F(LnsSessionTest, FailedConnectionsNameTheirCause) {
 TEST_F(LnsSessionTest, AllowSelfSignedAcceptsWhatTheDefaultRefuses) {
     for (const char *cert : {"server_self", "server_other"}) {
         Peer p({"--server-cert", cert});
-        lns_test::configure(dir, p.uri());
+        configure(dir, p.uri());
         bridge_config_get_root()->lns_opts.allow_self_signed = true;
         std::string log;
         EXPECT_EQ(discover(&log), 0) << cert << "\n" << log;
@@ -219,11 +315,11 @@ TEST_F(LnsSessionTest, AllowSelfSignedAcceptsWhatTheDefaultRefuses) {
 
 TEST_F(LnsSessionTest, TokenNeverReachesADebugLog) {
     Peer p({"--auth", "token", "--token", "Bearer s3cret-token"});
-    lns_test::configure(dir, p.uri());
-    lns_test::configure_token(dir, "Authorization: Bearer s3cret-token\r\n");
+    configure(dir, p.uri());
+    configure_token(dir, "Authorization: Bearer s3cret-token\r\n");
     std::string log;
     ASSERT_EQ(discover(&log, BRIDGE_LOG_DEBUG, true), 0) << log;
-    EXPECT_EQ(Peer::str(p.wait_named("connected").get(), "authorization"), "Bearer s3cret-token");
+    EXPECT_EQ(str(p.wait_named("connected").get(), "authorization"), "Bearer s3cret-token");
     EXPECT_EQ(log.find("s3cret"), std::string::npos) << log;
     EXPECT_EQ(log.find("73 33 63 72 65 74"), std::string::npos) << log; // "s3cret" hex-dumped
 }

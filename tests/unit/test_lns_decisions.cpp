@@ -131,35 +131,29 @@ TEST(LnsDrs, RouterConfigDataRateTable) {
         std::string drs;
         int rc;
         int32_t count;
+        bridge_bstn_lns_dr last; // the last entry, on success
     } rows[] = {
-        {"entries of three members", "[[12,125,0],[7,250,1],[-1,0,0]]", 0, 3},
-        {"short entries leave members 0", "[[8],[9,500]]", 0, 2},
-        {"32 entries are accepted", drs32, 0, 32},
-        {"33 entries are refused", drs33, 1, -5},
-        {"absent DRs", "", -1, -5},
-        {"DRs not an array", R"({"0":[7,125,0]})", -1, -5},
-        {"entry not an array", "[[7,125,0],5]", -EINVAL, -5},
-        {"member a string (json-c would give 0)", R"([[7,"125",0]])", -EINVAL, -5},
-        {"member null", "[[7,125,null]]", -EINVAL, -5},
-        {"fourth member", "[[7,125,1,0]]", -1, -5},
+        {"members must map to sf, bw, dnonly", "[[12,125,0],[7,250,1]]", 0, 2, {7, 250, true}},
+        {"short entries leave members 0", "[[9,500],[8]]", 0, 2, {8, 0, false}},
+        {"32 entries are accepted", drs32, 0, 32, {7, 125, false}},
+        {"33 entries are refused", drs33, 1, -5, {}},
+        {"absent DRs", "", -1, -5, {}},
+        {"DRs not an array", R"({"0":[7,125,0]})", -1, -5, {}},
+        {"entry not an array", "[[7,125,0],5]", -EINVAL, -5, {}},
+        {"member a string (json-c would give 0)", R"([[7,"125",0]])", -EINVAL, -5, {}},
+        {"member null", "[[7,125,null]]", -EINVAL, -5, {}},
+        {"fourth member", "[[7,125,1,0]]", -1, -5, {}},
     };
     for (const Row &r : rows) {
-        bridge_json_ptr rc_obj =
-            parse(r.drs.empty() ? std::string(R"({"msgtype":"router_config"})")
-                                : R"({"msgtype":"router_config","DRs":)" + r.drs + "}");
+        bridge_json_ptr rc_obj = parse(r.drs.empty() ? std::string("{}") : R"({"DRs":)" + r.drs + "}");
         bridge_bstn_lns_dr drs[LNS_DRS_MAX] = {};
         int32_t count = -5;
         EXPECT_EQ(lns_parse_drs(rc_obj.get(), drs, &count), r.rc) << r.fault;
         EXPECT_EQ(count, r.count) << r.fault;
+        if (r.rc != 0) continue;
+        const bridge_bstn_lns_dr &l = drs[count - 1];
+        EXPECT_TRUE(l.sf == r.last.sf && l.bw == r.last.bw && l.dnonly == r.last.dnonly) << r.fault;
     }
-    bridge_json_ptr one = parse(R"({"DRs":[[12,125,0],[7,250,1],[8]]})");
-    bridge_bstn_lns_dr drs[LNS_DRS_MAX] = {};
-    int32_t count = 0;
-    ASSERT_EQ(lns_parse_drs(one.get(), drs, &count), 0);
-    EXPECT_EQ(drs[0].sf, 12);
-    EXPECT_EQ(drs[1].bw, 250);
-    EXPECT_TRUE(drs[1].dnonly);
-    EXPECT_EQ(drs[2].bw, 0);
 }
 
 // `lns` initialised with an EU868-like table and a library context (the uplink push wakes it);
@@ -323,7 +317,9 @@ TEST_F(LnsContext, UplinkDataRateTextBecomesTableIndex) {
     };
     for (const Row &r : rows) {
         bridge_json_ptr up = parse(std::string(R"({"msgtype":"jreq","DR":")") + r.datr + "\"}");
+        bridge_health_take();
         EXPECT_EQ(bridge_bstn_lns_uplink_push(up.get()), 0) << r.fault;
+        EXPECT_EQ(bridge_health_take().v[BRIDGE_CNT_UP_DROP_LNS], r.index ? 0u : 1u) << r.fault;
         std::vector<std::string> queued = take_ring(lns.buffers.uplink_ring);
         ASSERT_EQ(queued.size(), r.index ? 1u : 0u) << r.fault;
         if (!r.index) continue;
