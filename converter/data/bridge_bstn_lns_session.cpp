@@ -229,8 +229,11 @@ int lns_version_exchange(bridge_bstn_lns_ctx *ctx, bool use_backup) {
     json_object *region = nullptr;
     const bool has_region =
         json_object_object_get_ex(resp.get(), "region", &region) && json_object_is_type(region, json_type_string);
+    // Indexes the region does not use come as [-1, 0, 0]: they are no data rates.
+    int usable = 0;
+    for (int32_t i = 0; i < count; ++i) usable += drs[i].sf >= 0;
     LOG_INFO("LNS session up: region %s, %d data rates", has_region ? json_object_get_string(region) : "unknown",
-             ctx->drs_count);
+             usable);
     return 0;
 }
 
