@@ -119,16 +119,21 @@ void lns_note_verify_failure(struct lws *wsi, X509_STORE_CTX *store) {
              lns_creds(ctx->conn_backup).trust);
 }
 
+const char *lns_client_cert_text(const bridge_bstn_lns_ctx *ctx) {
+    return ctx->token_auth ? "no client certificate, token mode" : lns_creds(ctx->conn_backup).cert;
+}
+
 // A fatal TLS alert from the LNS: it refused the handshake (for example our certificate).
 // OpenSSL's own callback, set on the client TLS context: the library's info event cannot be
 // used for client connections (it looks the connection up by a descriptor it does not have).
 void lns_tls_info_cb(const SSL *, int where, int ret) {
     bridge_bstn_lns_ctx *ctx = &lns;
+    if (!ctx->inited) return;
+    if (where & SSL_CB_HANDSHAKE_DONE) ctx->tls_up = true;
     const bool fatal = (ret >> 8) == SSL3_AL_FATAL;
-    if (!(where & SSL_CB_READ_ALERT) || !fatal || !ctx->inited || ctx->tls_cause[0] != '\0') return;
+    if (!(where & SSL_CB_READ_ALERT) || !fatal || ctx->tls_cause[0] != '\0') return;
     snprintf(ctx->tls_cause, sizeof(ctx->tls_cause), "the LNS refused the TLS handshake: alert \"%s\" (%s)",
-             SSL_alert_desc_string_long(ret),
-             ctx->token_auth ? "no client certificate, token mode" : lns_creds(ctx->conn_backup).cert);
+             SSL_alert_desc_string_long(ret), lns_client_cert_text(ctx));
 }
 
 // Appends to the library's connection error text what it leaves out.
@@ -144,6 +149,11 @@ void lns_log_connection_error(struct lws *wsi, bridge_bstn_lns_ctx *ctx, const c
         snprintf(cause, sizeof(cause), ": %s", ctx->tls_cause);
     else if (status != 0 && status != 101)
         snprintf(cause, sizeof(cause), ": the LNS answered the WebSocket upgrade with HTTP status %u", status);
+    else if (ctx->tls_up)
+        // With TLS 1.3 a server checks the client certificate after the handshake; its alert
+        // may be lost when it drops the connection at once.
+        snprintf(cause, sizeof(cause), ": the LNS ended the connection without answering the WebSocket upgrade (%s)",
+                 lns_client_cert_text(ctx));
     LOG_ERROR("WS client connection error: %s%s (%s credentials)", text, cause, lns_creds(ctx->conn_backup).name);
 }
 
@@ -371,6 +381,7 @@ int lns_ws_connect(bridge_bstn_lns_ctx *ctx, const char *host, const char *path,
     ctx->conn_closed = false;
     ctx->rx_failed = false;
     ctx->tls_cause[0] = '\0';
+    ctx->tls_up = false;
     lns_rx_reset(ctx);
     struct lws *conn = lws_client_connect_via_info(&ccinfo);
     if (!conn) {

@@ -84,6 +84,7 @@ struct bridge_bstn_lns_ctx {
     bool wake_pending;
     bridge_bstn_lns_rx rx;
     char tls_cause[LNS_CAUSE_SZ]; // why TLS failed on the current connection, "" if it did not
+    bool tls_up;                  // the TLS handshake of the current connection completed
     bridge_bstn_lns_tick tick;
 };
 

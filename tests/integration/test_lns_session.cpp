@@ -267,7 +267,7 @@ TEST_F(LnsSessionTest, FailedConnectionsNameTheirCause) {
         {"LNS that wants a client certificate, given a token",
          {},
          token("Authorization: Bearer t\r\n"),
-         {"the LNS refused the TLS handshake: alert"}},
+         {"(no client certificate, token mode)"}}, // the alert, or the connection ended after it
     };
     for (const Row &r : rows) {
         Peer p(r.peer_args);
