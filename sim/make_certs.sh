@@ -4,6 +4,8 @@
 #   server.pem/server.key   server certificate for 127.0.0.1 and localhost
 #   client.pem/client.key   RSA client certificate (CN = the gateway EUI)
 #   client_ec.pem/client_ec.key   EC (P-256) client certificate
+#   server_other.pem/.key   server certificate from the same CA for another host (other.example)
+#   server_self.pem/.key    self-signed server certificate for 127.0.0.1, outside ca.pem
 # plus DER forms (*.der, keys as *.key.der) for building CUPS answers.
 # Usage: make_certs.sh DIR [CLIENT_CN]
 set -euo pipefail
@@ -21,6 +23,18 @@ extendedKeyUsage=serverAuth
 EXT
 q req -newkey rsa:2048 -nodes -keyout server.key -out server.csr -subj "/CN=localhost"
 q x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server.pem -days 30 -extfile server.ext
+
+# Certificates an impostor could present: EC keys, quick to make.
+cat > other.ext <<EXT
+subjectAltName=DNS:other.example
+extendedKeyUsage=serverAuth
+EXT
+q ecparam -name prime256v1 -genkey -noout -out server_other.key
+q req -new -key server_other.key -out server_other.csr -subj "/CN=other.example"
+q x509 -req -in server_other.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out server_other.pem -days 30 -extfile other.ext
+q ecparam -name prime256v1 -genkey -noout -out server_self.key
+q req -x509 -new -key server_self.key -out server_self.pem -days 30 -subj "/CN=127.0.0.1" \
+  -addext "subjectAltName=IP:127.0.0.1,DNS:localhost"
 
 cat > client.ext <<EXT
 extendedKeyUsage=clientAuth
