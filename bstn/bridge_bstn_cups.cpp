@@ -199,6 +199,12 @@ int set_token_auth(CURL *curl, const bridge_bstn_cred_files &set,
     return 0;
 }
 
+// A slow but living transfer may last longer than the service watchdog's interval.
+int keep_watchdog_fed(void *, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    bridge_watchdog_ping();
+    return 0;
+}
+
 // Only the configured trust file is a trust anchor (no system CA file or
 // folder), only https is spoken, and a silent or trickling server cannot hold
 // the bridge.
@@ -218,6 +224,8 @@ void set_transport_options(CURL *curl, const char *trust) {
     curl_easy_setopt(curl, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(curl, CURLOPT_TCP_KEEPIDLE, CUPS_KEEPALIVE_IDLE_S);
     curl_easy_setopt(curl, CURLOPT_TCP_KEEPINTVL, CUPS_KEEPALIVE_INTERVAL_S);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, keep_watchdog_fed);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 }
 
 // Names the limit that ended a failed transfer, if one did.

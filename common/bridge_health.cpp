@@ -107,8 +107,6 @@ size_t bridge_health_format(const bridge_health_snapshot &s, char *buf, size_t b
             break;
         used += static_cast<size_t>(n);
     }
-    if (used < buf_sz - 1)
-        snprintf(buf + used, buf_sz - used, ")");
     return strnlen(buf, buf_sz);
 }
 

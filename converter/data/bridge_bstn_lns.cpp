@@ -329,8 +329,10 @@ int lns_ws_connect(bridge_bstn_lns_ctx *ctx, const char *host, const char *path,
                       creds.name);
             return rc;
         }
-        // The header holds the secret: never above TRACE.
-        LOG_TRACE("constructed auth header: \"%s\"", auth_hdr);
+        // The header holds the secret: only its name and size reach any log.
+        const char *colon = strchr(auth_hdr, ':');
+        LOG_TRACE("constructed auth header: \"%.*s: ...\" (%zu bytes)",
+                  colon ? static_cast<int>(colon - auth_hdr) : 0, auth_hdr, strlen(auth_hdr));
         token_auth = true;
     } else {
         LOG_ERROR("failed to check LNS certificate: %s: %s (%s credentials)", creds.cert, strerror(-rc), creds.name);

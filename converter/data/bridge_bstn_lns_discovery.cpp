@@ -204,27 +204,35 @@ int lns_request(bridge_bstn_lns_ctx *ctx, const char *path, const char *req_body
     return 0;
 }
 
-int lns_discover(bridge_bstn_lns_ctx *ctx, bool use_backup) {
-    const bridge_cfg_root *cfg = bridge_config_get_root();
-    BRIDGE_ASSERT(cfg);
+int lns_request_frame(bridge_bstn_lns_ctx *ctx, const char *path, const char *what,
+                      const bridge_json_out_field *frame, uint32_t count, bridge_json_ptr &resp, bool use_backup,
+                      bool do_connect) {
     bridge_json_ptr req(json_object_new_object());
     if (!req) {
         LOG_ERROR("failed to allocate JSON object");
         return -1;
     }
+    int rc = bridge_json_serialize(req.get(), frame, count);
+    if (rc != 0) return rc;
+    const char *body = json_object_to_json_string(req.get());
+    LOG_DEBUG("LNS request %s body: %s", what, body);
+    json_object *resp_raw = nullptr;
+    rc = lns_request(ctx, path, body, &resp_raw, use_backup, do_connect);
+    if (rc != 0) return rc;
+    BRIDGE_ASSERT(resp_raw);
+    resp.reset(resp_raw);
+    return 0;
+}
+
+int lns_discover(bridge_bstn_lns_ctx *ctx, bool use_backup) {
+    const bridge_cfg_root *cfg = bridge_config_get_root();
+    BRIDGE_ASSERT(cfg);
     const bridge_json_out_field req_frame[] = {
         out_string("router", cfg->general.gw_eui),
     };
-    int rc = bridge_json_serialize(req.get(), req_frame);
+    bridge_json_ptr resp;
+    int rc = lns_request_frame(ctx, "router-info", "info", req_frame, 1, resp, use_backup, true);
     if (rc != 0) return rc;
-    const char *body = json_object_to_json_string(req.get());
-    LOG_DEBUG("LNS request info body: %s", body);
-
-    json_object *resp_raw = nullptr;
-    rc = lns_request(ctx, "router-info", body, &resp_raw, use_backup, true);
-    if (rc != 0) return rc;
-    BRIDGE_ASSERT(resp_raw);
-    bridge_json_ptr resp(resp_raw);
 
     const bridge_json_field resp_frame[] = {
         in_string("uri", ctx->lns_uri),

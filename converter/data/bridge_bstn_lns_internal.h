@@ -2,6 +2,7 @@
 #pragma once
 
 #include "converter/data/bridge_bstn_lns.h"
+#include "common/bridge_json_helpers.h"
 
 #include <libwebsockets.h>
 #include <pthread.h>
@@ -137,6 +138,11 @@ int lns_resolve_endpoint(bridge_bstn_lns_ctx *ctx, char *host_out, size_t host_s
                          int32_t *port, bool use_backup);
 int lns_request(bridge_bstn_lns_ctx *ctx, const char *path, const char *req_body, json_object **resp_obj,
                 bool use_backup, bool do_connect);
+// Serialises `frame` (`count` fields) into one request on `path` and parses the answer into `resp`;
+// `what` names the request in the DEBUG line that shows its body.
+int lns_request_frame(bridge_bstn_lns_ctx *ctx, const char *path, const char *what,
+                      const bridge_json_out_field *frame, uint32_t count, bridge_json_ptr &resp, bool use_backup,
+                      bool do_connect);
 int lns_discover(bridge_bstn_lns_ctx *ctx, bool use_backup);
 int lns_connect(bridge_bstn_lns_ctx *ctx, bool use_backup);
 // Reason text of a failed file read (a negated errno of bridge_utils_read_text_file_to_buf).

@@ -8,6 +8,7 @@
 #include "common/bridge_utils.h"
 
 #include <cerrno>
+#include <iterator>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -186,11 +187,6 @@ int lns_version_exchange(bridge_bstn_lns_ctx *ctx, bool use_backup) {
     BRIDGE_ASSERT(ctx != NULL);
     const bridge_cfg_root *cfg = bridge_config_get_root();
     BRIDGE_ASSERT(cfg);
-    bridge_json_ptr req(json_object_new_object());
-    if (!req) {
-        LOG_ERROR("failed to allocate JSON object");
-        return -1;
-    }
     const char *msgtype = "version";
     const int64_t protocol = 2;
     const bridge_json_out_field frame[] = {
@@ -201,16 +197,10 @@ int lns_version_exchange(bridge_bstn_lns_ctx *ctx, bool use_backup) {
         out_string("model", cfg->general.model),
         out_int("protocol", &protocol),
     };
-    int rc = bridge_json_serialize(req.get(), frame);
+    bridge_json_ptr resp;
+    int rc = lns_request_frame(ctx, "", "version configuration", frame, static_cast<uint32_t>(std::size(frame)), resp,
+                               use_backup, false);
     if (rc != 0) return rc;
-    const char *body = json_object_to_json_string(req.get());
-    LOG_DEBUG("LNS request version configuration body: %s", body);
-
-    json_object *resp_raw = nullptr;
-    rc = lns_request(ctx, "", body, &resp_raw, use_backup, false);
-    if (rc != 0) return rc;
-    BRIDGE_ASSERT(resp_raw);
-    bridge_json_ptr resp(resp_raw);
 
     bridge_bstn_lns_dr drs[LNS_DRS_MAX] = {};
     int32_t count = 0;
