@@ -20,7 +20,7 @@ struct bridge_stages {
     int (*dataplane_ns_disconnect)();
     int (*dataplane_stop_server)();
     int (*dataplane_deinit)();
-    void (*lns_stop)();
+    int (*lns_stop)();
 };
 
 // Runs one pass and returns its result: the failing stage's status, or the
@@ -28,7 +28,11 @@ struct bridge_stages {
 int bridge_supervisor_pass(const bridge_stages &stages, const bridge_cfg_root &cfg, uint32_t level,
                            bool use_stderr);
 
-// Logs the end of a pass and the coming restart.
+// Logs the end of a pass and the coming restart, and counts the restart.
 void bridge_supervisor_report(int result);
 
 constexpr unsigned BRIDGE_RESTART_PAUSE_S = 20;
+
+// Waits `seconds` in slices of at most one second, keeping the systemd watchdog
+// fed and the periodic summary going while nothing else runs.
+void bridge_supervisor_pause(unsigned seconds);

@@ -4,16 +4,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
 
 #include "app/bridge_supervisor.h"
+#include "app/bridge_version.h"
 #include "bstn/bridge_bstn_cups.h"
 #include "common/bridge_bstn_config.h"
+#include "common/bridge_health.h"
 #include "common/bridge_utils.h"
 #include "converter/data/bridge_bstn_lns.h"
 #include "converter/data/bridge_data_conv.h"
-
-#define BRIDGE_VERSION "1.7.1"
 
 const char *argp_program_version = "kes_bstn " BRIDGE_VERSION;
 const char *argp_program_bug_address = "<support@kestrane.example>";
@@ -65,7 +64,10 @@ error_t parse_opt(int key, char *arg, argp_state *state) {
 constexpr argp argp_def = {options, parse_opt, nullptr, "Kestrane Basic Station bridge " BRIDGE_VERSION,
                            nullptr, nullptr, nullptr};
 
-void bridge_lns_stop_stage() { bridge_bstn_lns_stop(); }
+int bridge_lns_stop_stage() {
+    bridge_bstn_lns_stop();
+    return 0;
+}
 
 constexpr bridge_stages bridge_daemon_stages = {
     bridge_bstn_cups_bootstrap,
@@ -112,11 +114,14 @@ int main(int argc, char **argv) {
 
     const bridge_cfg_root *cfg = bridge_config_get_root();
     BRIDGE_ASSERT(cfg != NULL);
+    bridge_health_set_interval(static_cast<unsigned>(cfg->general.summary_interval));
+    bridge_health_tick(bridge_health_now_ms()); // the first summary covers the time from here
+    bridge_watchdog_ready();
 
     for (;;) {
         cfg = bridge_config_get_root();
         rc = bridge_supervisor_pass(bridge_daemon_stages, *cfg, opts.level, opts.use_stderr);
         bridge_supervisor_report(rc);
-        sleep(BRIDGE_RESTART_PAUSE_S);
+        bridge_supervisor_pause(BRIDGE_RESTART_PAUSE_S);
     }
 }

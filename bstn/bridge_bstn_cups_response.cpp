@@ -6,11 +6,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <fcntl.h>
+#include <cstring>
 #include <string_view>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -27,11 +26,35 @@ constexpr uint8_t DER_SEQUENCE_TAG = 0x30;
 
 using section_processor = int (*)(bridge_bstn_cups_ctx *ctx, const uint8_t *data, size_t len);
 
+// Replaces a URI, token (raw bytes) or PEM file; each kind keeps its own
+// message for a file that cannot be created.
+int write_cred_file(const char *path, const void *data, size_t len, bool pem) {
+    LOG_TRACE("trying to write [%zu] bytes to %s ...", len, path);
+    bridge_bstn_cups_write_step step;
+    int rc = bridge_bstn_cups_replace_file(path, data, len, &step);
+    if (rc != 0) {
+        errno = -rc;
+        if (step != CUPS_WRITE_OPEN) {
+            LOG_ERROR("failed to write a file %s: %m (%s)", path, bridge_bstn_cups_write_step_name(step));
+        } else if (pem) {
+            LOG_ERROR("failed to open/create a file %s for writing: %m", path);
+        } else {
+            LOG_ERROR("can't open a file %s: %m", path);
+        }
+    }
+    return rc;
+}
+int write_raw(const char *path, const void *data, size_t len) { return write_cred_file(path, data, len, false); }
+
+// A CUPS URI that is not https would send the next request and its credentials
+// in clear text: it is never stored.
 int process_cups_uri(bridge_bstn_cups_ctx *, const uint8_t *data, size_t len) {
-    return bridge_utils_write_buf_to_file(bridge_config_get_root()->cups.uri, data, len);
+    int rc = bridge_bstn_cups_require_https(reinterpret_cast<const char *>(data), len, "CUPS URI from the CUPS answer");
+    if (rc != 0) return rc;
+    return write_raw(bridge_config_get_root()->cups.uri, data, len);
 }
 int process_lns_uri(bridge_bstn_cups_ctx *, const uint8_t *data, size_t len) {
-    return bridge_utils_write_buf_to_file(bridge_config_get_root()->lns.uri, data, len);
+    return write_raw(bridge_config_get_root()->lns.uri, data, len);
 }
 int process_cups_creds(bridge_bstn_cups_ctx *, const uint8_t *data, size_t len) {
     return bridge_bstn_cups_store_credentials(data, len, true);
@@ -46,15 +69,16 @@ struct resp_section {
     std::string_view name;
     size_t len_size;
     section_processor processor;
+    bool reported;   // named in the "CUPS answered" line when present
 };
 
 constexpr std::array<resp_section, 6> resp_sections = {{
-    {"CUPS URI", 1, process_cups_uri},
-    {"LNS URI", 1, process_lns_uri},
-    {"CUPS credentials", 2, process_cups_creds},
-    {"LNS credentials", 2, process_lns_creds},
-    {"signature over the update blob", 4, process_ignored},
-    {"generic update blob", 4, process_ignored},
+    {"CUPS URI", 1, process_cups_uri, true},
+    {"LNS URI", 1, process_lns_uri, true},
+    {"CUPS credentials", 2, process_cups_creds, true},
+    {"LNS credentials", 2, process_lns_creds, true},
+    {"signature over the update blob", 4, process_ignored, false},
+    {"generic update blob", 4, process_ignored, false},
 }};
 
 enum cred_kind { CRED_X509 = 0, CRED_KEY = 1 };
@@ -71,25 +95,15 @@ size_t read_le(const uint8_t *p, size_t n) {
     return v;
 }
 
-// Opens (creating with mode 0600) a credential file for writing from its start
-// without truncating it, so that a failure before the write keeps the old content.
-bridge_unique_file open_cred_file(const char *filepath, int *err) {
-    bridge_unique_fd fd(open(filepath, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    FILE *f = fd ? fdopen(fd.get(), "w+") : nullptr;
-    if (!f) {
-        *err = errno;
-        LOG_ERROR("failed to open/create a file %s for writing: %m", filepath);
-        return nullptr;
-    }
-    fd.release();
-    return bridge_unique_file(f);
-}
+struct bio_free {
+    void operator()(BIO *b) const { BIO_free(b); }
+};
 
-// Cuts off whatever a longer earlier content left behind the new text.
-bool finish_cred_file(FILE *f) {
-    if (fflush(f) != 0) return false;
-    long end = ftell(f);
-    return end >= 0 && ftruncate(fileno(f), end) == 0;
+// Replaces a credential file by the PEM text gathered in `pem`.
+int write_pem(const char *filepath, BIO *pem) {
+    char *text = nullptr;
+    const long len = BIO_get_mem_data(pem, &text);
+    return write_cred_file(filepath, text, static_cast<size_t>(len), true);
 }
 
 struct x509_free {
@@ -112,6 +126,7 @@ int bridge_bstn_cups_process_response(bridge_bstn_cups_ctx *ctx) {
     }
 
     size_t off = 0;
+    char updated[96] = "";
     for (size_t i = 0; i < resp_sections.size(); ++i) {
         const resp_section &s = resp_sections[i];
         BRIDGE_ASSERT(resp_sections[i].processor);
@@ -130,8 +145,17 @@ int bridge_bstn_cups_process_response(bridge_bstn_cups_ctx *ctx) {
         if (len != 0) {
             int rc = s.processor(ctx, body + off, len);
             if (rc != 0) return rc;
+            if (s.reported) {
+                const size_t used = strlen(updated);
+                snprintf(updated + used, sizeof updated - used, "%s%s", used ? ", " : "", s.name.data());
+            }
         }
         off += len;
+    }
+    if (updated[0] != '\0') {
+        LOG_INFO("CUPS answered: updated %s", updated);
+    } else {
+        LOG_INFO("CUPS answered: nothing to update");
     }
     return 0;
 }
@@ -200,7 +224,7 @@ int bridge_bstn_cups_store_credentials(const uint8_t *data, size_t sz, bool cups
 
         int rc;
         if (token) {
-            rc = bridge_utils_write_buf_to_file(item.path, p, static_cast<size_t>(seq_len));
+            rc = write_raw(item.path, p, static_cast<size_t>(seq_len));
         } else if (item.kind == CRED_X509) {
             rc = bridge_bstn_cups_write_x509_pem(p, static_cast<size_t>(seq_len), item.path);
         } else {
@@ -229,15 +253,13 @@ int bridge_bstn_cups_write_x509_pem(const uint8_t *der_data, size_t der_sz, cons
         LOG_ERROR("can't parse X509/DER");
         return -1;
     }
-    int err = 0;
-    bridge_unique_file f = open_cred_file(filepath, &err);
-    if (!f) return -err;
-    if (PEM_write_X509(f.get(), cert.get()) != 1 || !finish_cred_file(f.get())) {
+    std::unique_ptr<BIO, bio_free> pem(BIO_new(BIO_s_mem()));
+    if (!pem || PEM_write_bio_X509(pem.get(), cert.get()) != 1) {
         ERR_clear_error();
         LOG_ERROR("failed to write a certificate to a file %s", filepath);
         return -1;
     }
-    return 0;
+    return write_pem(filepath, pem.get());
 }
 
 int bridge_bstn_cups_write_pkey_pem(const uint8_t *der_data, size_t der_sz, const char *filepath) {
@@ -246,34 +268,21 @@ int bridge_bstn_cups_write_pkey_pem(const uint8_t *der_data, size_t der_sz, cons
     BRIDGE_ASSERT(der_sz != 0);
     LOG_TRACE("trying to write PKey into %s ...", filepath);
 
-    int err = 0;
-    {
-        bridge_unique_file f = open_cred_file(filepath, &err);
-        if (!f) return -err;
-
-        const unsigned char *in = der_data;
-        std::unique_ptr<EVP_PKEY, pkey_free> key(d2i_AutoPrivateKey(nullptr, &in, static_cast<long>(der_sz)));
-        if (!key) {
-            ERR_clear_error();
-            LOG_ERROR("failed to decode key");
-            return -1;
-        }
-        int wrc = PEM_write_PrivateKey(f.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-        if (wrc != 1 || !finish_cred_file(f.get())) {
-            ERR_clear_error();
-            LOG_ERROR("failed to write a private key: %d", wrc);
-            return -1;
-        }
+    const unsigned char *in = der_data;
+    std::unique_ptr<EVP_PKEY, pkey_free> key(d2i_AutoPrivateKey(nullptr, &in, static_cast<long>(der_sz)));
+    if (!key) {
+        ERR_clear_error();
+        LOG_ERROR("failed to decode key");
+        return -1;
     }
-
-    // A private key is never left on disk with wider permissions.
-    if (chmod(filepath, 0600) != 0) {
-        err = errno;
-        LOG_ERROR("failed to change permissions on a private key %s: %m", filepath);
-        if (unlink(filepath) != 0) {
-            LOG_ERROR("failed to delete a private key %s: %m", filepath);
-        }
-        return -err;
+    // Unencrypted: the daemon must read it unattended. The file is 0600 from
+    // its creation on, so the key is never readable by others.
+    std::unique_ptr<BIO, bio_free> pem(BIO_new(BIO_s_mem()));
+    int wrc = pem ? PEM_write_bio_PrivateKey(pem.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) : 0;
+    if (wrc != 1) {
+        ERR_clear_error();
+        LOG_ERROR("failed to write a private key: %d", wrc);
+        return -1;
     }
-    return 0;
+    return write_pem(filepath, pem.get());
 }

@@ -55,11 +55,11 @@ install(FILES ${KES_PKG_GEN}/kes_bstn.8.gz DESTINATION share/man/man8 PERMISSION
 install(FILES ${KES_PKG_DIR}/lintian-overrides DESTINATION share/lintian/overrides RENAME kes-bstn
   PERMISSIONS ${KES_PKG_DATA_PERMS})
 
-# Debian architecture of the binary: armhf for the 32-bit ARM cross build,
-# otherwise the host's.
+# Debian architecture of the binary: that of the ARM cross build
+# (cmake/<arch>-toolchain.cmake), otherwise the host's.
 if(NOT KES_DEB_ARCH)
-  if(CMAKE_CROSSCOMPILING AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
-    set(KES_DEB_ARCH armhf)
+  if(CMAKE_CROSSCOMPILING AND KES_CROSS_ARCH)
+    set(KES_DEB_ARCH ${KES_CROSS_ARCH})
   else()
     find_program(KES_DPKG dpkg)
     if(KES_DPKG)
@@ -91,12 +91,12 @@ set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${KES_DEB_ARCH})
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # Written out rather than computed with dpkg-shlibdeps, which cannot look
-# into a cross sysroot; bookworm names, the same for amd64 and armhf.
+# into a cross sysroot; bookworm names, the same for amd64, armhf and arm64.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "\
 libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), \
 libjson-c5 (>= 0.15), libwebsockets17 (>= 4.1.6), libcurl4 (>= 7.88.1), \
 libssl3 (>= 3.0.0), liburiparser1 (>= 0.9.7), libtomlplusplus3 (>= 3.3.0), \
-adduser")
+libsystemd0 (>= 252), adduser")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   "${KES_PKG_DIR}/conffiles;${KES_PKG_DIR}/postinst;${KES_PKG_DIR}/prerm;${KES_PKG_DIR}/postrm")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)

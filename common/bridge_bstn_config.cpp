@@ -5,8 +5,10 @@
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <cctype>
 #include <exception>
 #include <string>
+#include <string_view>
 #include <toml++/toml.h>
 
 #include "common/bridge_utils.h"
@@ -59,8 +61,66 @@ constexpr std::array<bridge_cfg_section, 4> cfg_sections = {{
     {"semtech", semtech_entries.data(), static_cast<uint32_t>(semtech_entries.size())},
 }};
 
-constexpr int64_t BIND_PORT_MIN = 1;
-constexpr int64_t BIND_PORT_MAX = 65535;
+// Integers whose range the loader checks, so that a bad value stops the start instead of
+// failing later at every restart (a missing key leaves 0).
+struct cfg_range {
+    const int64_t *value;
+    const char *key;
+    int64_t min, max;
+    const char *expected;
+};
+
+constexpr std::array<cfg_range, 2> cfg_ranges = {{
+    {&cfg_root.semtech.bind_port, "bind_port", 1, 65535, "1..65535"},
+    {&cfg_root.general.summary_interval, "summary_interval", 0, 86400, "0..86400 seconds, 0 for 300"},
+}};
+
+constexpr std::string_view GW_EUI_FORMS = "16 hex digits (0016c001ff10a235), dashed pairs (00-16-c0-01-ff-10-a2-35) "
+                                          "or ID6 (0016:c001:ff10:a235, 16:c001:ff10:a235, ::1)";
+
+bool all_hex(std::string_view s) {
+    for (char c : s)
+        if (!isxdigit(static_cast<unsigned char>(c)))
+            return false;
+    return true;
+}
+
+// Counts the ':'-separated groups of 1..4 hex digits in `part` into `n`; false on a bad group.
+bool id6_groups(std::string_view part, int &n) {
+    while (!part.empty()) {
+        const size_t colon = part.find(':');
+        const std::string_view group = part.substr(0, colon);
+        if (group.empty() || group.size() > 4 || !all_hex(group))
+            return false;
+        ++n;
+        if (colon == std::string_view::npos)
+            return true;
+        part.remove_prefix(colon + 1);
+        if (part.empty())
+            return false; // trailing ':'
+    }
+    return true;
+}
+
+// ID6: four groups of 16 bits, one "::" standing for one or more zero groups.
+bool id6_valid(std::string_view s) {
+    const size_t gap = s.find("::");
+    int n = 0;
+    if (gap == std::string_view::npos)
+        return !s.empty() && id6_groups(s, n) && n == 4;
+    if (s.find("::", gap + 1) != std::string_view::npos)
+        return false;
+    return id6_groups(s.substr(0, gap), n) && id6_groups(s.substr(gap + 2), n) && n <= 3;
+}
+
+bool dashed_valid(std::string_view s) {
+    if (s.size() != 23)
+        return false;
+    for (size_t i = 0; i < s.size(); i++)
+        if (i % 3 == 2 ? s[i] != '-' : !isxdigit(static_cast<unsigned char>(s[i])))
+            return false;
+    return true;
+}
 
 // Values are taken only in their own TOML type: no number-to-text, bool-to-int
 // or float-to-int conversion.
@@ -131,19 +191,57 @@ void print_cfg_entry(const bridge_cfg_section *s, const bridge_cfg_entry *entry)
     }
 }
 
-// Reads the whole file through one open stream; false when it cannot be opened or read.
-bool read_cfg_text(const char *path, std::string &text) {
+// Reads the whole file through one open stream; 0 or the errno of the failed open or read.
+int read_cfg_text(const char *path, std::string &text) {
     bridge_unique_file f(fopen(path, "r"));
     if (!f)
-        return false;
+        return errno;
     std::array<char, 4096> chunk;
     size_t n;
     while ((n = fread(chunk.data(), 1, chunk.size(), f.get())) > 0)
         text.append(chunk.data(), n);
-    return !ferror(f.get());
+    return ferror(f.get()) ? errno : 0;
+}
+
+const bridge_cfg_section *find_section(std::string_view name, const bridge_cfg_section *sections, uint32_t count) {
+    for (uint32_t i = 0; i < count; i++)
+        if (name == sections[i].name)
+            return &sections[i];
+    return nullptr;
+}
+
+bool known_key(std::string_view key, const bridge_cfg_section &s) {
+    for (uint32_t j = 0; j < s.count; j++)
+        if (key == s.entries[j].key)
+            return true;
+    return false;
+}
+
+// A misspelt key would otherwise be dropped silently and its default used.
+void warn_unknown(const toml::table &doc, const bridge_cfg_section *sections, uint32_t count) {
+    for (auto &&[name, node] : doc) {
+        const unsigned line = node.source().begin.line;
+        const bridge_cfg_section *s = find_section(name.str(), sections, count);
+        if (!s) {
+            if (node.is_table())
+                LOG_WARN("unknown section [%.*s] in the configuration file (line %u): ignored",
+                         static_cast<int>(name.str().size()), name.str().data(), line);
+            else
+                LOG_WARN("unknown key %.*s outside any section of the configuration file (line %u): ignored",
+                         static_cast<int>(name.str().size()), name.str().data(), line);
+            continue;
+        }
+        if (const toml::table *table = node.as_table())
+            for (auto &&[key, value] : *table)
+                if (!known_key(key.str(), *s))
+                    LOG_WARN("unknown key %.*s in section [%s] of the configuration file (line %u): ignored",
+                             static_cast<int>(key.str().size()), key.str().data(), s->name,
+                             value.source().begin.line);
+    }
 }
 
 int load_sections(const toml::table &doc, const bridge_cfg_section *sections, uint32_t count) {
+    warn_unknown(doc, sections, count);
     for (uint32_t i = 0; i < count; i++) {
         const bridge_cfg_section *s = &sections[i];
         BRIDGE_ASSERT(s->name);
@@ -184,8 +282,8 @@ int bridge_config_load(const char *cfg_file, const bridge_cfg_section *sections,
     LOG_DEBUG("processing configuration file: %s", cfg_file);
 
     std::string text;
-    if (!read_cfg_text(cfg_file, text)) {
-        LOG_ERROR("failed to open configuration file");
+    if (const int err = read_cfg_text(cfg_file, text); err != 0) {
+        LOG_ERROR("failed to open configuration file: %s: %s", cfg_file, strerror(err));
         return -1;
     }
 
@@ -208,14 +306,24 @@ int bridge_config_process(const char *cfg_file) {
     if (bridge_config_load(cfg_file, cfg_sections.data(), static_cast<uint32_t>(cfg_sections.size())) != 0)
         return -1;
 
-    // The dataplane binds this port as given: refuse what cannot be a UDP port
-    // (a missing key leaves 0) rather than fail later at every restart.
-    const int64_t port = cfg_root.semtech.bind_port;
-    if (port < BIND_PORT_MIN || port > BIND_PORT_MAX) {
-        LOG_ERROR("invalid bind_port value: %lld, expected 1..65535", static_cast<long long>(port));
+    for (const cfg_range &r : cfg_ranges)
+        if (*r.value < r.min || *r.value > r.max) {
+            LOG_ERROR("invalid %s value: %lld, expected %s", r.key, static_cast<long long>(*r.value), r.expected);
+            return -1;
+        }
+    // Sent as "router" to CUPS and the LNS exactly as written: an empty or garbled identity
+    // would only show up as a refusal by the server.
+    if (!bridge_config_gw_eui_valid(cfg_root.general.gw_eui)) {
+        LOG_ERROR("invalid gw_eui value: \"%s\", expected %.*s", cfg_root.general.gw_eui,
+                  static_cast<int>(GW_EUI_FORMS.size()), GW_EUI_FORMS.data());
         return -1;
     }
     return 0;
+}
+
+bool bridge_config_gw_eui_valid(const char *text) {
+    const std::string_view s = text ? text : "";
+    return (s.size() == 16 && all_hex(s)) || dashed_valid(s) || id6_valid(s);
 }
 
 bridge_cfg_root *bridge_config_get_root() {

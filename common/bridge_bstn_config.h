@@ -13,7 +13,7 @@ struct bridge_cfg_general {
     char model[BRIDGE_CFG_STR_SZ];
     char package[BRIDGE_CFG_STR_SZ];
     bool skip_cups;
-    int64_t summary_interval; // seconds between health summaries, 0 = default
+    int64_t summary_interval; // seconds between health summaries, 0 = default (0..86400)
 };
 
 // File paths of one endpoint's URI and credential files, each with a backup.
@@ -50,6 +50,9 @@ struct bridge_cfg_root {
 int bridge_config_process(const char *cfg_file);
 // Never null. Read-only once start-up is over.
 bridge_cfg_root *bridge_config_get_root();
+// True for the gateway identity forms servers accept: 16 hex digits, 8 dashed hex pairs, or ID6
+// (four ':'-separated groups of up to 4 hex digits, one "::" for zero groups).
+bool bridge_config_gw_eui_valid(const char *text);
 
 // ---- the table that drives loading -------------------------------------------
 

@@ -44,7 +44,7 @@ struct bridge_health_snapshot {
     uint32_t v[BRIDGE_CNT_COUNT];
 };
 bridge_health_snapshot bridge_health_take();
-// "uplinks rx=... fwd=... drop(invalid=... no_time=... lns=...) downlinks ..." into buf.
+// "uplinks received=.. forwarded=.. dropped(...); downlinks ...; session restarts=.." into buf.
 // Returns the text length (cut to buf_sz - 1).
 size_t bridge_health_format(const bridge_health_snapshot &s, char *buf, size_t buf_sz);
 

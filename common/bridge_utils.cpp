@@ -4,8 +4,9 @@
 // logging macros: take what we need from it first, then drop the clashing names.
 #include <syslog.h>
 namespace {
-constexpr int SYSLOG_NOTICE = LOG_NOTICE;
 constexpr int SYSLOG_ERR = LOG_ERR;
+// Indexed by level: journalctl -p and syslog filters then see ERROR as err, WARN as warning.
+constexpr int syslog_priorities[] = {LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG, LOG_DEBUG};
 } // namespace
 #undef LOG_INFO
 #undef LOG_DEBUG
@@ -50,15 +51,19 @@ const char *base_name(const char *file) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
-void emit_line(const char *line_fmt, va_list ap) {
+void emit_line(unsigned level, const char *line_fmt, va_list ap) {
     if (log_state.use_stderr)
         vfprintf(stderr, line_fmt, ap);
     else
-        vsyslog(SYSLOG_NOTICE, line_fmt, ap);
+        vsyslog(bridge_log_syslog_priority(level), line_fmt, ap);
 }
 #pragma GCC diagnostic pop
 
 } // namespace
+
+int bridge_log_syslog_priority(unsigned level) {
+    return syslog_priorities[level < std::size(syslog_priorities) ? level : std::size(syslog_priorities) - 1];
+}
 
 int bridge_log_init(unsigned level, bool use_stderr) {
     log_state.level = level;
@@ -124,7 +129,7 @@ void bridge_log_print_message(unsigned level, const char *file, int line, const 
     va_list ap;
     va_start(ap, user_fmt);
     errno = saved_errno;
-    emit_line(line_fmt, ap);
+    emit_line(level, line_fmt, ap);
     va_end(ap);
     errno = saved_errno;
 }

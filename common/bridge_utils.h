@@ -20,6 +20,9 @@ enum bridge_log_level : unsigned {
 int bridge_log_init(unsigned level, bool use_stderr);
 int bridge_log_deinit();
 bool bridge_log_uses_stderr();
+// The syslog priority of a level: ERROR -> LOG_ERR, WARN -> LOG_WARNING, INFO -> LOG_INFO,
+// DEBUG and TRACE (and anything above) -> LOG_DEBUG.
+int bridge_log_syslog_priority(unsigned level);
 void bridge_log_print_message(unsigned level, const char *file, int line, const char *fmt, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -2,9 +2,11 @@
 """Local demo driver: packet-forwarder simulator <-> kes_bstn <-> Basics Station LNS, all on 127.0.0.1.
 
 Makes throw-away certificates, starts the Python LNS (answering every uplink with a class-A
-downlink), the bridge and the forwarder simulator, prints what crosses each side in a few
-readable lines, and after --seconds (or Ctrl-C / SIGTERM) stops everything it started and prints a
-summary. The bridge's own log (TRACE level) stays in a file whose path the summary shows.
+downlink), the bridge and the forwarder simulator in stock mode (like the stock Semtech
+forwarder: no `count` in its stat, several rxpk batched in one PUSH_DATA), prints what crosses
+each side in a few readable lines together with the bridge's own milestone and summary lines, and
+after --seconds (or Ctrl-C / SIGTERM) stops everything it started and prints a summary. The
+bridge's whole log (TRACE level) stays in a file whose path the summary shows.
 """
 
 import argparse
@@ -25,6 +27,11 @@ import harness as e2e  # noqa: E402
 fwd_sim = e2e.fwd_sim
 LOW32 = 0xFFFFFFFF
 DATRS = ["SF7BW125", "SF9BW125", "SF8BW125", "SF10BW125", "SF7BW125", "SF12BW125"]
+BATCH_EVERY = 4  # every 4th round the forwarder batches 3 packets in one PUSH_DATA
+SUMMARY_INTERVAL_S = 10
+# Lines of the bridge's log an operator watches (at the default level, INFO and above).
+BRIDGE_LINES = ("CUPS answered", "LNS discovered", "LNS session up", "time base synchronised",
+                "first uplink forwarded", "summary of the last", "TX_ACK error", "concentrator counter jumped")
 
 
 class Demo:
@@ -79,8 +86,7 @@ class Demo:
             body = ev.get("json", {})
             if "stat" in body:
                 self.count["stat"] += 1
-                self.say("forwarder -> bridge", "stat count %d (keeps the bridge's xtime base in step)"
-                         % body["stat"].get("count", 0))
+                self.say("forwarder -> bridge", "stat without count (the stock forwarder reports none)")
             for pk in body.get("rxpk", []):
                 self.count["uplinks"] += 1
                 self.last_tmst = pk["tmst"]
@@ -105,6 +111,17 @@ class Demo:
             self.say("bridge -> forwarder", "PULL_RESP txpk %s %.3f MHz tmst %s%s, TX_ACK sent"
                      % (txpk.get("datr"), txpk.get("freq", 0), txpk.get("tmst"), delay))
 
+    # ---- what the bridge says -----------------------------------------------------------------
+    def follow_bridge_log(self):
+        with open(self.bridge.log_path, errors="replace") as log:
+            while not self.stopping:
+                line = log.readline()
+                if not line:
+                    time.sleep(0.1)
+                elif any(text in line for text in BRIDGE_LINES):
+                    self.count["bridge_summary"] += "summary of the last" in line
+                    self.say("bridge log", line.strip())
+
     # ---- run ----------------------------------------------------------------------------------
     def run(self):
         self.say("demo", "work dir %s: making certificates" % self.workdir)
@@ -114,8 +131,10 @@ class Demo:
         port = e2e.free_udp_port()
         self.say("demo", "LNS on wss://127.0.0.1:%d, bridge UDP port %d" % (self.lns.port, port))
         os.environ["KES_BSTN_BIN"] = self.binary
-        self.bridge = e2e.Bridge(self.workdir, certs, self.lns.port, port, level=4)
-        self.fwd = fwd_sim.FwdSim(port, on_event=self.on_fwd)
+        self.bridge = e2e.Bridge(self.workdir, certs, self.lns.port, port, level=4,
+                                 general={"summary_interval": SUMMARY_INTERVAL_S})
+        threading.Thread(target=self.follow_bridge_log, daemon=True).start()
+        self.fwd = fwd_sim.FwdSim(port, on_event=self.on_fwd, stock=True)
         if not self.bridge.wait_log("allowed DR item received", 30):
             raise RuntimeError("the bridge did not complete its LNS handshake (see %s)" % self.bridge.log_path)
         self.fwd.start(keepalive=5.0)
@@ -132,12 +151,15 @@ class Demo:
                 next_stat = now + 10.0
             if now >= next_up:
                 datr = DATRS[n % len(DATRS)]
-                if n == 0:
-                    phy = fwd_sim.join_request("70b3d57ed0000001", "0004a30b001c0530", random.randrange(0x10000))
-                else:
-                    phy = fwd_sim.data_frame(0x260B1234, n, fport=1, payload=bytes([n & 0xFF, 0x42]))
-                self.fwd.send_uplink(phy, datr=datr)
-                n += 1
+                phys = []
+                for _ in range(3 if n % BATCH_EVERY == BATCH_EVERY - 1 else 1):
+                    if n == 0:
+                        phys.append(fwd_sim.join_request("70b3d57ed0000001", "0004a30b001c0530",
+                                                         random.randrange(0x10000)))
+                    else:
+                        phys.append(fwd_sim.data_frame(0x260B1234, n, fport=1, payload=bytes([n & 0xFF, 0x42])))
+                    n += 1
+                self.fwd.send_uplinks(phys, datr=datr)
                 next_up = now + self.interval
             self.stop.wait(0.05)
         time.sleep(0.5)  # let the last downlink and dntxed land
@@ -157,6 +179,7 @@ class Demo:
               % (c["dnmsg"], c["pull_resp"], c["tx_ack"], c["dntxed"]))
         print("  GWMP     : %d stat, %d PUSH_ACK, %d PULL_DATA / %d PULL_ACK"
               % (c["stat"], c["push_ack"], c["pull_data"], c["pull_ack"]))
+        print("  bridge   : %d summary lines (every %d s)" % (c["bridge_summary"], SUMMARY_INTERVAL_S))
         if self.bridge is not None:
             print("  bridge log: %s" % self.bridge.log_path)
         ok = c["uplinks"] > 0 and c["at_lns"] == c["uplinks"] and c["pull_resp"] > 0

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Local demo: a simulated packet forwarder, the bridge and a Basics Station LNS on 127.0.0.1.
-# Shows uplinks, their data-rate indexes, downlinks and dntxed for about 30 seconds
+# The forwarder behaves like the stock Semtech one (no stat count, batched rxpk). Shows uplinks, their
+# data-rate indexes, downlinks, dntxed and the bridge's milestone and summary lines for about 30 seconds
 # (KES_DEMO_SECONDS), then stops everything it started and prints a summary. Ctrl-C stops early.
 # Non-interactive; runs as root on a fresh Debian machine from a clean clone.
 set -euo pipefail

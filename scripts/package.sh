@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Builds the Debian package(s) of the daemon into <repo>/out/.
 #
-# Usage: scripts/package.sh [amd64|armhf|all] [--install-test]
+# Usage: scripts/package.sh [amd64|armhf|arm64|all] [--install-test]
 #   amd64 (default)  native build in <repo>/build-package (Release, no tests),
 #                    then cpack -G DEB
-#   armhf            cross build through scripts/cross_build_armhf.sh
+#   armhf            32-bit ARM cross build through scripts/cross_build.sh
 #                    (sysroot, unit tests under qemu-arm, package)
-#   all              both
+#   arm64            64-bit ARM cross build, the same way (qemu-aarch64)
+#   all              all three
 #   --install-test   after building the amd64 package, install it on THIS
 #                    machine with dpkg -i, check the service user, modes and
 #                    files, and purge it again (root only; refuses to touch an
@@ -14,8 +15,8 @@
 #                    not part of CTest because it changes the machine's dpkg
 #                    database and user accounts and takes the dpkg lock.
 #
-# Install on a gateway:  dpkg -i kes-bstn_1.7.1_armhf.deb   (apt-get install
-# ./kes-bstn_1.7.1_armhf.deb also pulls in the runtime libraries).
+# Install on a gateway:  dpkg -i kes-bstn_1.7.1_arm64.deb   (apt-get install
+# ./kes-bstn_1.7.1_arm64.deb also pulls in the runtime libraries).
 set -euo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
@@ -24,9 +25,9 @@ arch=amd64
 install_test=0
 for arg in "$@"; do
   case "$arg" in
-    amd64|armhf|all) arch=$arg ;;
+    amd64|armhf|arm64|all) arch=$arg ;;
     --install-test) install_test=1 ;;
-    *) echo "usage: $0 [amd64|armhf|all] [--install-test]" >&2; exit 64 ;;
+    *) echo "usage: $0 [amd64|armhf|arm64|all] [--install-test]" >&2; exit 64 ;;
   esac
 done
 mkdir -p "$repo/out"
@@ -46,7 +47,9 @@ build_native() {
 
 case "$arch" in
   amd64) build_native ;;
-  armhf) "$repo/scripts/cross_build_armhf.sh" --package ;;
-  all) build_native; "$repo/scripts/cross_build_armhf.sh" --package ;;
+  armhf|arm64) "$repo/scripts/cross_build.sh" "$arch" --package ;;
+  all)
+    build_native
+    for cross in armhf arm64; do "$repo/scripts/cross_build.sh" "$cross" --package; done ;;
 esac
 ls -l "$repo"/out/*.deb

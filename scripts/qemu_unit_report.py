@@ -1,9 +1,11 @@
 #!/usr/bin/python3
-"""Summarises a CTest JUnit report of unit tests run under qemu-arm.
+"""Summarises a CTest JUnit report of unit tests run under qemu user-mode
+emulation (scripts/cross_build.sh).
 
-usage: qemu_unit_report.py REPORT.xml
+usage: qemu_unit_report.py REPORT.xml ARCH EMULATOR
+  e.g. qemu_unit_report.py build-arm64/unit-tests-arm64.xml arm64 qemu-aarch64
 
-A failed test counts as an emulation artefact, not as a fault of the armhf
+A failed test counts as an emulation artefact, not as a fault of the cross
 build, only when every failure in it is a death test whose child printed
 nothing but what user-mode emulation adds:
 - "execv(...) failed: Exec format error": a "threadsafe" death test re-runs
@@ -38,7 +40,7 @@ def emulation_only(output):
     return all(not EMULATOR_NOISE.sub("", b).strip() for b in blocks)
 
 
-def main(path):
+def main(path, arch, emulator):
     root = ET.parse(path).getroot()
     cases = root.iter("testcase")
     passed, artefacts, failed = [], [], []
@@ -52,8 +54,8 @@ def main(path):
             continue
         out = case.findtext("system-out") or ""
         (artefacts if emulation_only(out) else failed).append(name)
-    print("armhf unit tests under qemu-arm: %d passed, %d failed, %d emulation artefacts"
-          % (len(passed), len(failed), len(artefacts)))
+    print("%s unit tests under %s: %d passed, %d failed, %d emulation artefacts"
+          % (arch, emulator, len(passed), len(failed), len(artefacts)))
     for name in artefacts:
         print("  emulation artefact (death test, see %s): %s" % (sys.argv[0], name))
     for name in failed:
@@ -62,4 +64,6 @@ def main(path):
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1]))
+    if len(sys.argv) != 4:
+        sys.exit(__doc__)
+    sys.exit(main(*sys.argv[1:]))

@@ -2,12 +2,14 @@
 """CUPS test server: answers LoRa Basics Station `update-info` requests over HTTPS.
 
 Usage:
-  cups_peer.py --certs DIR [--path PREFIX] [--require-cert] [--token LINE]
+  cups_peer.py --certs DIR [--server NAME] [--path PREFIX] [--require-cert] [--token LINE]
                [--respond SPEC ...]
 
   --certs DIR      folder made by make_certs.sh; the server presents server.pem/server.key,
                    client certificates are verified against ca.pem, and relative file
                    names inside SPECs are taken from this folder.
+  --server NAME    present NAME.pem/NAME.key instead (other_server: a CA the bridge does
+                   not trust, like a public CA).
   --path PREFIX    requests must be POSTed to PREFIX + "/update-info", anything else
                    gets 404 (default: any path ending in "/update-info").
   --require-cert   answer 401 to a request that came without a client certificate
@@ -19,6 +21,10 @@ Usage:
                    A request refused by --require-cert/--token gets 401 and does not
                    use a scripted answer.
 
+Like the reference CUPS server, a request whose JSON body lacks any of router, cupsUri,
+tcUri, cupsCredCrc, tcCredCrc or package gets 500, and an empty package 404 (after the
+path and credential checks, before a scripted answer is used).
+
 Lines on standard input add SPECs to the end of the script; the line "quit" or the end
 of standard input stops the server.
 
@@ -27,6 +33,9 @@ SPEC is one of:
   <number>        that HTTP status with an empty body, e.g. 401, 500
   truncated       200 announcing 100 bytes of body but sending 14, then closing
   close           closes the connection without answering
+  silent          accepts the TCP connection and never speaks (no TLS handshake); the
+                  SPEC is taken at connection time
+  trickle         200 with 14 zero bytes, the whole answer sent one byte every 2 s
   {JSON}          200 with a binary update built from the JSON object:
                     "cups_uri", "lns_uri": texts (absent: empty section)
                     "cups_creds", "lns_creds": {"trust": F, "cert": F, "key": F,
@@ -39,8 +48,8 @@ SPEC is one of:
 Output: "READY <port>" once listening on 127.0.0.1, then one JSON line per request:
   {"method", "path", "headers": {"content-type", "authorization", <token header>},
    "client_cn": CN of the client certificate or null, "body": request body text,
-   "status": status answered or the SPEC word "truncated"/"close"}
-and {"tls_error": TEXT} for a failed TLS handshake.
+   "status": status answered or the SPEC word "truncated"/"close"/"trickle"}
+{"tls_error": TEXT} for a failed TLS handshake and {"silent": true} for a silent connection.
 """
 import argparse
 import http.server
@@ -49,8 +58,11 @@ import os
 import ssl
 import sys
 import threading
+import time
 
 LOCK = threading.Lock()
+STOP = threading.Event()
+REQUIRED = ("router", "cupsUri", "tcUri", "cupsCredCrc", "tcCredCrc", "package")
 
 
 def out(obj):
@@ -74,6 +86,13 @@ class Script:
             if self.specs:
                 self.last = self.specs.pop(0)
             return self.last
+
+    def take_silent(self):
+        with self.cv:
+            if self.specs and self.specs[0] == "silent":
+                self.specs.pop(0)
+                return True
+            return False
 
 
 def section(data, width):
@@ -140,6 +159,18 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.wfile.flush()
         self.close_connection = True
 
+    def trickle(self, body):
+        head = ("HTTP/1.1 200 OK\r\nContent-Length: %d\r\nConnection: close\r\n\r\n" % len(body)).encode()
+        self.close_connection = True
+        for i, b in enumerate(head + body):
+            if STOP.wait(0 if i == 0 else 2):
+                return
+            try:
+                self.wfile.write(bytes([b]))
+                self.wfile.flush()
+            except OSError:
+                return
+
     def do_POST(self):
         opts = self.server.opts
         length = int(self.headers.get("Content-Length", "0"))
@@ -163,8 +194,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
             out(record)
             self.answer(401)
             return
+        refusal = refuse_body(body)
+        if refusal:
+            record["status"] = refusal
+            out(record)
+            self.answer(refusal)
+            return
         spec = self.server.script.next()
-        record["status"] = spec if spec in ("truncated", "close") else None
+        record["status"] = spec if spec in ("truncated", "close", "trickle") else None
         if spec == "empty":
             status, payload = 200, bytes(14)
         elif spec == "truncated":
@@ -175,6 +212,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
             out(record)
             self.close_connection = True
             return
+        elif spec == "trickle":
+            out(record)
+            self.trickle(bytes(14))
+            return
         elif spec.startswith("{"):
             status, payload = 200, build_update(opts.certs, json.loads(spec))
         else:
@@ -184,10 +225,25 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.answer(status, payload)
 
 
+def refuse_body(text):
+    """The reference server's status for a body it cannot use, or None."""
+    try:
+        body = json.loads(text)
+    except ValueError:
+        return 500
+    if not isinstance(body, dict) or any(k not in body for k in REQUIRED):
+        return 500
+    return 404 if body["package"] == "" else None
+
+
 class Server(http.server.ThreadingHTTPServer):
     daemon_threads = True
 
     def finish_request(self, request, client_address):
+        if self.script.take_silent():
+            out({"silent": True})
+            STOP.wait(120)
+            return
         # The handshake runs on the request's own thread so that a stuck client
         # cannot block the listener.
         request.settimeout(10)
@@ -202,6 +258,7 @@ class Server(http.server.ThreadingHTTPServer):
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--certs", required=True)
+    ap.add_argument("--server", default="server")
     ap.add_argument("--path")
     ap.add_argument("--require-cert", action="store_true")
     ap.add_argument("--token")
@@ -209,8 +266,8 @@ def main():
     opts = ap.parse_args()
 
     tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    tls.load_cert_chain(os.path.join(opts.certs, "server.pem"),
-                        os.path.join(opts.certs, "server.key"))
+    tls.load_cert_chain(os.path.join(opts.certs, opts.server + ".pem"),
+                        os.path.join(opts.certs, opts.server + ".key"))
     tls.load_verify_locations(os.path.join(opts.certs, "ca.pem"))
     tls.verify_mode = ssl.CERT_OPTIONAL
 
@@ -231,6 +288,7 @@ def main():
             break
         if line:
             server.script.add(line)
+    STOP.set()
     server.shutdown()
 
 

@@ -4,26 +4,21 @@
 Like the real forwarder it uses two UDP sockets on 127.0.0.1: one sends PUSH_DATA (uplinks and
 statistics) and receives PUSH_ACK, the other sends the PULL_DATA keep-alives and receives PULL_ACK
 and PULL_RESP (downlinks), answering each PULL_RESP with a TX_ACK (protocol version 2). A simulated
-concentrator counter (microseconds, 32 bits, free running from a random start) gives the `tmst` of
-every received packet and the `count` of every `stat`, which the bridge needs to synchronise its
-time base. Everything sent and received is recorded with time.monotonic() timestamps.
+concentrator counter (microseconds, 32 bits, running with real time from a random or given
+start, so it can be started just below its wrap) gives the `tmst` of every received packet and
+the `count` of every `stat`. In stock mode it behaves like the stock Semtech forwarder (sx1301
+packet_forwarder, sx1302_hal): `stat` without `count`, and up to 8 rxpk batched in one PUSH_DATA.
+Everything sent and received is recorded with time.monotonic() timestamps.
 
-As a module:  sim = FwdSim(bridge_port); sim.start(); sim.send_stat(); sim.send_uplink(...)
-As a program: fwd_sim.py --bridge-port P [options]; prints "READY <pull_port>" and then one JSON
-line per event (sent/recv); runs for --duration seconds, or (without it) until SIGTERM or the end
-of standard input.
+Use:  sim = FwdSim(bridge_port, stock=True); sim.start(); sim.send_stat(); sim.send_uplinks([...])
 """
 
-import argparse
 import base64
 import json
-import os
 import random
 import select
-import signal
 import socket
 import struct
-import sys
 import threading
 import time
 
@@ -31,6 +26,7 @@ PUSH_DATA, PUSH_ACK, PULL_DATA, PULL_RESP, PULL_ACK, TX_ACK = range(6)
 KIND = {PUSH_ACK: "push_ack", PULL_RESP: "pull_resp", PULL_ACK: "pull_ack"}
 
 DEFAULT_EUI = bytes.fromhex("0016c001ff10a235")
+BATCH_MAX = 8  # rxpk per PUSH_DATA in the stock forwarder
 
 
 # ---- LoRaWAN frames (little-endian fields, MIC not computed) ------------------------------------
@@ -79,9 +75,10 @@ class FwdSim:
     """A packet forwarder: two sockets, a receiver thread and an event record."""
 
     def __init__(self, bridge_port, version=2, eui=DEFAULT_EUI, host="127.0.0.1", counter_start=None,
-                 on_event=None):
+                 on_event=None, stock=False):
         self.addr = (host, bridge_port)
         self.version = version
+        self.stock = stock
         self.eui = eui
         self.on_event = on_event
         self.lock = threading.Condition()
@@ -226,11 +223,11 @@ class FwdSim:
         return self._record(dir="sent", kind="pull_data", token=token, port=sock.getsockname()[1])
 
     def send_stat(self, count=None, **extra):
-        """A stat object alone (the bridge applies `count` only from datagrams without rxpk
-        while it is not yet synchronised)."""
-        stat = {"time": time.strftime("%Y-%m-%d %H:%M:%S GMT", time.gmtime()), "rxnb": 0, "rxok": 0,
-                "rxfw": 0, "ackr": 100.0, "dwnb": 0, "txnb": 0,
-                "count": self.counter() if count is None else count}
+        """A stat object alone; the stock forwarder reports no `count`."""
+        stat = {"time": time.strftime("%Y-%m-%d %H:%M:%S GMT", time.gmtime()), "lati": 46.24, "long": 3.25,
+                "alti": 145, "rxnb": 0, "rxok": 0, "rxfw": 0, "ackr": 100.0, "dwnb": 0, "txnb": 0}
+        if not self.stock or count is not None:
+            stat["count"] = self.counter() if count is None else count
         stat.update(extra)
         return self.push_data({"stat": stat})
 
@@ -240,6 +237,15 @@ class FwdSim:
         tmst = self.counter() if tmst is None else tmst
         ev = self.push_data({"rxpk": [rxpk(phy, tmst, version=v, **radio)]}, version=v)
         ev["tmst"] = tmst & 0xFFFFFFFF
+        return ev
+
+    def send_uplinks(self, phys, **radio):
+        """Up to 8 rxpk in one PUSH_DATA, each stamped with the counter when it is built; the sent
+        event carries their "tmsts"."""
+        assert 0 < len(phys) <= BATCH_MAX
+        pks = [rxpk(phy, self.counter(), version=self.version, **radio) for phy in phys]
+        ev = self.push_data({"rxpk": pks})
+        ev["tmsts"] = [pk["tmst"] for pk in pks]
         return ev
 
     # ---- receiving -------------------------------------------------------------------------
@@ -301,60 +307,3 @@ class FwdSim:
                 self.pull_data()
                 next_at = time.monotonic() + self.keepalive_interval
             time.sleep(0.05)
-
-
-# ---- command line ----------------------------------------------------------------------------
-def main():
-    p = argparse.ArgumentParser(description="Semtech packet-forwarder simulator (GWMP over UDP)")
-    p.add_argument("--bridge-port", type=int, required=True, help="UDP port of the bridge on 127.0.0.1")
-    p.add_argument("--version", type=int, choices=[1, 2], default=2, help="GWMP protocol version")
-    p.add_argument("--eui", default=DEFAULT_EUI.hex(), help="gateway EUI, 16 hex digits")
-    p.add_argument("--keepalive", type=float, default=5.0, help="seconds between PULL_DATA")
-    p.add_argument("--stat-interval", type=float, default=30.0, help="seconds between stat")
-    p.add_argument("--uplink-interval", type=float, default=2.0, help="seconds between uplinks (0: none)")
-    p.add_argument("--duration", type=float, default=0.0, help="seconds to run (0: until stopped)")
-    p.add_argument("--datr", default="SF7BW125")
-    args = p.parse_args()
-
-    out_lock = threading.Lock()
-
-    def show(ev):
-        with out_lock:
-            sys.stdout.write(json.dumps(ev, default=str) + "\n")
-            sys.stdout.flush()
-
-    sim = FwdSim(args.bridge_port, version=args.version, eui=bytes.fromhex(args.eui), on_event=show)
-    stop = threading.Event()
-    signal.signal(signal.SIGTERM, lambda *_: stop.set())
-    signal.signal(signal.SIGINT, lambda *_: stop.set())
-    if args.duration <= 0:
-        threading.Thread(target=lambda: (sys.stdin.read(), stop.set()), daemon=True).start()
-    show_ready = "READY %d\n" % sim.pull_port
-    with out_lock:
-        sys.stdout.write(show_ready)
-        sys.stdout.flush()
-    sim.start(keepalive=args.keepalive)
-
-    end = time.monotonic() + args.duration if args.duration > 0 else None
-    next_stat = time.monotonic()
-    next_up = time.monotonic() + 0.5
-    fcnt = 0
-    while not stop.is_set() and (end is None or time.monotonic() < end):
-        now = time.monotonic()
-        if now >= next_stat:
-            sim.send_stat()
-            next_stat = now + args.stat_interval
-        if args.uplink_interval > 0 and now >= next_up:
-            if fcnt == 0:
-                phy = join_request("70b3d57ed0000000", "0004a30b001c0530", random.randrange(0x10000))
-            else:
-                phy = data_frame(0x260B1234, fcnt, payload=os.urandom(4))
-            sim.send_uplink(phy, datr=args.datr)
-            fcnt += 1
-            next_up = now + args.uplink_interval
-        stop.wait(0.05)
-    sim.stop()
-
-
-if __name__ == "__main__":
-    main()

@@ -210,7 +210,7 @@ class CupsPeer:
 class Bridge:
     """The kes_bstn daemon with a generated configuration; its log goes to a file."""
 
-    def __init__(self, workdir, certs, lns_port, bind_port, level=4, log_path=None):
+    def __init__(self, workdir, certs, lns_port, bind_port, level=4, log_path=None, general=None):
         self.workdir = workdir
         self.bind_port = bind_port
         self.log_path = log_path or os.path.join(workdir, "kes_bstn.log")
@@ -220,7 +220,7 @@ class Bridge:
         c = lambda name: os.path.join(certs, name)  # noqa: E731
         cfg = {
             "general": {"gw_eui": GW_EUI, "name": "kes-e2e", "fw_version": "1.7.1", "model": "e2e",
-                        "package": "1.7.1", "skip_cups": True},
+                        "package": "1.7.1", "skip_cups": True, **(general or {})},
             "cups": {k: os.path.join(workdir, "cups." + k) for k in
                      ("uri", "uri_backup", "trust", "trust_backup", "cert", "cert_backup", "key",
                       "key_backup")},
@@ -262,7 +262,7 @@ class Stack:
     synchronised time base and a completed LNS handshake."""
 
     def __init__(self, lns_args=(), level=4, fwd_version=2, keep=False, on_lns_event=None, on_fwd_event=None,
-                 workdir=None):
+                 workdir=None, fwd_stock=False):
         self.tmp = workdir or tempfile.mkdtemp(prefix="kes_e2e_")
         self.keep = keep
         self.lns_args = lns_args
@@ -270,6 +270,7 @@ class Stack:
         self.fwd_version = fwd_version
         self.on_lns_event = on_lns_event
         self.on_fwd_event = on_fwd_event
+        self.fwd_stock = fwd_stock
         self.lns = self.bridge = self.fwd = None
         self.fcnt = 0
 
@@ -279,7 +280,8 @@ class Stack:
         self.lns = LnsPeer(certs, *self.lns_args, on_event=self.on_lns_event)
         port = free_udp_port()
         self.bridge = Bridge(self.tmp, certs, self.lns.port, port, level=self.level)
-        self.fwd = fwd_sim.FwdSim(port, version=self.fwd_version, on_event=self.on_fwd_event).start()
+        self.fwd = fwd_sim.FwdSim(port, version=self.fwd_version, on_event=self.on_fwd_event,
+                                  stock=self.fwd_stock).start()
         if not self.lns.wait_for(lambda e: e.get("event") == "sent" and isinstance(e.get("msg"), dict)
                                  and e["msg"].get("msgtype") == "router_config", timeout):
             raise RuntimeError("bridge did not complete the LNS handshake; log: " + self.bridge.log_path)

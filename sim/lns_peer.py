@@ -12,6 +12,8 @@ Run with Debian's interpreter (/usr/bin/python3, python3-websockets 10.4). It li
 
 Command line:
   --certs DIR              folder made by sim/make_certs.sh (ca.pem, server.pem, server.key)
+  --server-cert NAME       present NAME.pem/NAME.key of that folder (default server; server_other
+                           names another host, server_self is self-signed outside ca.pem)
   --auth cert|token        cert: the client must present a certificate signed by ca.pem;
                            token: no client certificate, the HTTP header `Authorization` must equal --token
   --token TEXT             expected Authorization header value, e.g. "Bearer secret"
@@ -257,7 +259,7 @@ class Peer:
     async def run(self):
         a = self.args
         ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        ctx.load_cert_chain(os.path.join(a.certs, "server.pem"), os.path.join(a.certs, "server.key"))
+        ctx.load_cert_chain(os.path.join(a.certs, a.server_cert + ".pem"), os.path.join(a.certs, a.server_cert + ".key"))
         if a.auth == "cert":
             ctx.verify_mode = ssl.CERT_REQUIRED
             ctx.load_verify_locations(os.path.join(a.certs, "ca.pem"))
@@ -279,6 +281,7 @@ class Peer:
 def main():
     p = argparse.ArgumentParser(description="LNS test peer (Basics Station over TLS WebSockets)")
     p.add_argument("--certs", required=True)
+    p.add_argument("--server-cert", default="server")
     p.add_argument("--auth", choices=["cert", "token"], default="cert")
     p.add_argument("--token", default="")
     p.add_argument("--ping-interval", type=float, default=60.0)

@@ -54,7 +54,7 @@ int lns_parse_uri(const char *uri_buf, char *host, size_t host_sz, int32_t *port
         return -1;
     }
     if (static_cast<size_t>(host_len) >= host_sz) {
-        LOG_ERROR("hostname %*s is too long to fit into the output buffer", host_len, uri.hostText.first);
+        LOG_ERROR("hostname %.*s is too long to fit into the output buffer", host_len, uri.hostText.first);
         return -1;
     }
     memcpy(host, uri.hostText.first, static_cast<size_t>(host_len));
@@ -63,10 +63,10 @@ int lns_parse_uri(const char *uri_buf, char *host, size_t host_sz, int32_t *port
     size_t written = 0;
     for (const UriPathSegmentA *seg = uri.pathHead; seg; seg = seg->next) {
         int seg_len = lns_range_len(seg->text);
-        LOG_TRACE("processing path segment: %*s (size [%zu])", seg_len, seg->text.first ? seg->text.first : "",
+        LOG_TRACE("processing path segment: %.*s (size [%zu])", seg_len, seg->text.first ? seg->text.first : "",
                   static_cast<size_t>(seg_len));
         if (written + static_cast<size_t>(seg_len) + 2 >= path_sz) {
-            LOG_ERROR("path segment %*s can't fit into the output buffer", seg_len,
+            LOG_ERROR("path segment %.*s can't fit into the output buffer", seg_len,
                       seg->text.first ? seg->text.first : "");
             return -1;
         }
@@ -78,7 +78,7 @@ int lns_parse_uri(const char *uri_buf, char *host, size_t host_sz, int32_t *port
 
     int port_len = lns_range_len(uri.portText);
     if (static_cast<size_t>(port_len) >= LNS_PORT_TEXT_SZ) {
-        LOG_ERROR("port string %*s can't fit into the output buffer", port_len, uri.portText.first);
+        LOG_ERROR("port string %.*s can't fit into the output buffer", port_len, uri.portText.first);
         return -1;
     }
     if (port_len == 0) {
@@ -103,24 +103,28 @@ int lns_parse_uri(const char *uri_buf, char *host, size_t host_sz, int32_t *port
     return 0;
 }
 
+const char *lns_read_error_text(int rc) {
+    if (rc == -ENOBUFS) return "longer than the buffer allows";
+    return strerror(-rc);
+}
+
 int lns_resolve_endpoint(bridge_bstn_lns_ctx *ctx, char *host_out, size_t host_sz, char *path, size_t path_sz,
                          int32_t *port, bool use_backup) {
     BRIDGE_ASSERT(host_out != NULL);
     BRIDGE_ASSERT(port != NULL);
     if (ctx->lns_uri[0] != '\0') return lns_parse_uri(ctx->lns_uri, host_out, host_sz, port, path, path_sz);
 
-    const bridge_cfg_root *cfg = bridge_config_get_root();
-    BRIDGE_ASSERT(cfg);
+    const lns_cred_set creds = lns_creds(use_backup);
     char lns_uri[LNS_URI_SZ] = {};
-    int rc = bridge_utils_read_text_file_to_buf(use_backup ? cfg->lns.uri_backup : cfg->lns.uri, lns_uri,
-                                                sizeof(lns_uri));
+    int rc = bridge_utils_read_text_file_to_buf(creds.uri, lns_uri, sizeof(lns_uri));
     if (rc < 0) {
-        LOG_ERROR("failed to read LNS uri");
+        LOG_ERROR("failed to read LNS uri: %s: %s%s", creds.uri, lns_read_error_text(rc),
+                  use_backup ? " (the optional backup URI file, tried because the main LNS failed)" : "");
         return rc;
     }
     size_t uri_len = strlen(lns_uri);
     if (uri_len == 0) {
-        LOG_ERROR("can't process URI: string is empty");
+        LOG_ERROR("can't process URI: string is empty: %s", creds.uri);
         return -1;
     }
     size_t start = 0;
@@ -165,11 +169,13 @@ int lns_request(bridge_bstn_lns_ctx *ctx, const char *path, const char *req_body
     rc = lns_ws_send_and_wait(ctx, path, req_body);
     if (rc != 0) return fail(rc);
 
-    lns_lock(ctx);
-    auto *msg = static_cast<const bridge_bstn_lns_ring_msg *>(
-        lws_ring_get_element(ctx->buffers.downlink_ring, nullptr));
-    const char *reply = msg ? msg->data : nullptr;
-    lns_unlock(ctx);
+    const char *reply = nullptr;
+    {
+        lns_lock_guard guard(ctx);
+        auto *msg = static_cast<const bridge_bstn_lns_ring_msg *>(
+            lws_ring_get_element(ctx->buffers.downlink_ring, nullptr));
+        reply = msg ? msg->data : nullptr;
+    }
     if (!reply) {
         LOG_ERROR("failed to extract message from downlink queue");
         return fail(-1);
@@ -177,12 +183,14 @@ int lns_request(bridge_bstn_lns_ctx *ctx, const char *path, const char *req_body
     if (do_connect) lns_ws_disconnect(ctx);
 
     bridge_json_ptr obj(json_tokener_parse(reply));
-    lns_lock(ctx);
-    LOG_TRACE("downlink ringbuffer free elements: %zu", lws_ring_get_count_free_elements(ctx->buffers.downlink_ring));
-    LOG_TRACE("downlink ringbuffer waiting elements: %zu",
-              lws_ring_get_count_waiting_elements(ctx->buffers.downlink_ring, nullptr));
-    int consumed = static_cast<int>(lws_ring_consume(ctx->buffers.downlink_ring, nullptr, nullptr, 1));
-    lns_unlock(ctx);
+    int consumed = 0;
+    {
+        lns_lock_guard guard(ctx);
+        struct lws_ring *ring = ctx->buffers.downlink_ring;
+        LOG_TRACE("downlink ringbuffer free elements: %zu", lws_ring_get_count_free_elements(ring));
+        LOG_TRACE("downlink ringbuffer waiting elements: %zu", lws_ring_get_count_waiting_elements(ring, nullptr));
+        consumed = static_cast<int>(lws_ring_consume(ring, nullptr, nullptr, 1));
+    }
     if (!obj) {
         LOG_ERROR("failed to parse JSON response");
         BRIDGE_ASSERT(consumed == 1);
@@ -221,15 +229,17 @@ int lns_discover(bridge_bstn_lns_ctx *ctx, bool use_backup) {
     const bridge_json_field resp_frame[] = {
         in_string("uri", ctx->lns_uri),
     };
-    lns_lock(ctx);
-    rc = bridge_json_deserialize(resp.get(), resp_frame);
-    if (rc == 0) lns_muxtime_from_msg(ctx, resp.get());
-    lns_unlock(ctx);
+    {
+        lns_lock_guard guard(ctx);
+        rc = bridge_json_deserialize(resp.get(), resp_frame);
+        if (rc == 0) lns_muxtime_from_msg(ctx, resp.get());
+    }
     if (rc != 0) {
         ctx->lns_uri[0] = '\0';
         return rc;
     }
     LOG_DEBUG("new LNS uri received: %s", ctx->lns_uri);
+    LOG_INFO("LNS discovered: %s", ctx->lns_uri);
     return 0;
 }
 
@@ -246,14 +256,16 @@ int lns_connect(bridge_bstn_lns_ctx *ctx, bool use_backup) {
 int bridge_bstn_lns_init_discovery(uint32_t level, bool use_stderr) {
     int status = lns_ctx_init(&lns);
     if (status != 0) return status;
+    lns_log_level = level;
     if (use_stderr) {
+        // Every library level up to the chosen one, so that its own errors show at every level.
         int mask = 0;
         switch (level) {
         case 0: mask = LLL_ERR; break;
-        case 1: mask = LLL_WARN; break;
-        case 2: mask = LLL_INFO; break;
+        case 1: mask = LLL_ERR | LLL_WARN; break;
+        case 2: mask = LLL_ERR | LLL_WARN | LLL_NOTICE | LLL_INFO; break;
         case 3:
-        case 4: mask = LLL_DEBUG; break;
+        case 4: mask = LLL_ERR | LLL_WARN | LLL_NOTICE | LLL_INFO | LLL_DEBUG; break;
         default: BRIDGE_ASSERT(0); break;
         }
         lws_set_log_level(mask, nullptr);

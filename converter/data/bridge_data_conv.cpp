@@ -2,6 +2,8 @@
 // thread, and carries downlinks from the LNS client to that thread through a pipe.
 #include "converter/data/bridge_data_conv.h"
 
+#include <arpa/inet.h>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -12,6 +14,8 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include "common/bridge_bstn_config.h"
+#include "common/bridge_health.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_utils.h"
 #include "common/thpool.h"
@@ -23,22 +27,28 @@ namespace {
 constexpr size_t HOST_SZ = 128;
 constexpr int POOL_THREADS = 2;
 constexpr char STOP_MSG = 'X';
+// Smallest JSON text worth parsing after the EUI ("{}").
+constexpr size_t PUSH_DATA_MIN_JSON = 2;
 
 struct bridge_dataplane_ctx {
     char gw_host[HOST_SZ];
     char pull_port[HOST_SZ];
     char push_port[HOST_SZ];
     threadpool pool;
-    bool rx_allowed;
+    // Set by the worker once the forwarder's downlink address is known; read by the downlink
+    // callback on the LNS thread.
+    std::atomic<bool> rx_allowed;
     bridge_dataplane_cb cb;
     void *cb_arg;
     int pipe_fds[2];
-    // Written by the worker, read by the downlink callback on the LNS thread.
+    // Version of the last PUSH_DATA or PULL_DATA; read by the downlink callback.
     std::atomic<uint32_t> version;
     int sock;
     bool inited;
     // Written by the supervision thread, read by the worker.
     std::atomic<bool> stop;
+    bool uplink_forwarded; // the first forwarded uplink of this run was announced
+    uint8_t rx_buf[BRIDGE_DATAPLANE_RX_BUF_SZ]; // the worker's receive buffer
 };
 
 bridge_dataplane_ctx converter_ctx{};
@@ -49,6 +59,36 @@ struct addrinfo_free {
 struct tokener_free {
     void operator()(json_tokener *t) const { if (t) json_tokener_free(t); }
 };
+
+// One place fills the translation records: the forwarder side is semtech of the datagram's
+// version, the network-server side whatever get_version_and_ns_format names.
+int dataplane_translate(uint32_t direction, uint32_t semtech_version, const uint8_t *eui, json_object *in,
+                        json_object *out, uint32_t *token = nullptr) {
+    uint32_t ns_version = 0, ns_format = 0;
+    if (get_version_and_ns_format(&ns_version, &ns_format) < 0) {
+        LOG_ERROR("failed to extract NS version and data format");
+        return -1;
+    }
+    bridge_translate_msg semtech{};
+    bridge_translate_msg ns{};
+    semtech.format = DATA_TYPE_SEMTECH;
+    semtech.version = semtech_version;
+    ns.format = ns_format;
+    ns.version = ns_version;
+    semtech.direction = ns.direction = direction;
+    if (eui != nullptr) {
+        memcpy(semtech.eui, eui, GWMP_EUI_SZ);
+        memcpy(ns.eui, eui, GWMP_EUI_SZ);
+    }
+    const bool downlink = direction == BRIDGE_DIRECTION_DOWNLINK;
+    bridge_translate_msg &from = downlink ? ns : semtech;
+    bridge_translate_msg &to = downlink ? semtech : ns;
+    from.data = in;
+    to.data = out;
+    const int rc = bridge_translate_generic(&from, &to);
+    if (token != nullptr) *token = to.token;
+    return rc;
+}
 
 // Sends one datagram to the forwarder's host at `port` (a numeric port text).
 int dataplane_send(const uint8_t *buf, size_t len, const char *port) {
@@ -63,79 +103,90 @@ int dataplane_send(const uint8_t *buf, size_t len, const char *port) {
     int rc = getaddrinfo(converter_ctx.gw_host, port, &hints, &list);
     std::unique_ptr<addrinfo, addrinfo_free> owner(list);
     if (rc != 0) {
-        LOG_WARN("unable to get service info: %s", gai_strerror(rc));
+        LOG_WARN_LIMITED("unable to get service info: %s", gai_strerror(rc));
         return rc;
     }
     LOG_DEBUG("sending to: %s:%s", converter_ctx.gw_host, port);
     ssize_t sent = sendto(converter_ctx.sock, buf, len, 0, list->ai_addr, list->ai_addrlen);
     if (sent < 1) {
-        LOG_WARN("failed to send packet: %d %m", static_cast<int>(sent));
+        LOG_WARN_LIMITED("failed to send packet: %d %m", static_cast<int>(sent));
         return static_cast<int>(sent);
     }
     return 0;
 }
 
-// PUSH_ACK and PULL_ACK: the request's version byte and token echoed with the ack identifier.
-int dataplane_send_ack(const uint8_t *request, uint8_t ack_id, const char *port) {
-    const uint8_t ack[GWMP_HEADER_SZ] = {static_cast<uint8_t>(converter_ctx.version.load()), request[1],
-                                         request[2], ack_id};
+// PUSH_ACK and PULL_ACK: the request's version and token with the acknowledgement's identifier.
+int dataplane_send_ack(const gwmp_header &request, uint8_t ack_id, const char *port) {
+    uint8_t ack[GWMP_HEADER_SZ];
+    bridge_gwmp_write_header({request.version, request.token, ack_id}, ack);
     return dataplane_send(ack, sizeof ack, port);
 }
 
-int dataplane_downlink_send(const uint8_t *msg, size_t len) {
-    if (!converter_ctx.rx_allowed) {
-        LOG_WARN("RX is not yet allowed");
-        return 0;
-    }
-    return dataplane_send(msg, len, converter_ctx.pull_port);
-}
-
-// Statistics keep the xtime base in step with the forwarder's counter; nothing goes to the LNS.
-int dataplane_handle_stat(const uint8_t *eui, uint32_t version, json_object *stat) {
-    bridge_json_ptr stat_out(json_object_new_object());
-    if (!stat_out) {
-        LOG_DEBUG("failed to create statistics object");
+// PUSH_DATA and PULL_DATA tell where the forwarder is and which protocol version it speaks.
+int dataplane_remember_forwarder(const gwmp_header &h, char *port, const sockaddr *from, socklen_t from_len) {
+    int rc = getnameinfo(from, from_len, converter_ctx.gw_host, HOST_SZ, port, HOST_SZ,
+                         NI_NUMERICHOST | NI_NUMERICSERV);
+    if (rc != 0) {
+        LOG_ERROR_LIMITED("error getting gateway info: %s", gai_strerror(rc));
         return -1;
     }
-    uint32_t ns_version = 0, ns_format = 0;
-    int rc = get_version_and_ns_format(&ns_version, &ns_format);
-    if (rc < 0) {
-        LOG_ERROR("failed to extract NS version and data format");
-        return rc;
-    }
-    bridge_translate_msg from{};
-    bridge_translate_msg to{};
-    memcpy(from.eui, eui, GWMP_EUI_SZ);
-    from.format = DATA_TYPE_SEMTECH;
-    from.direction = BRIDGE_DIRECTION_STATS;
-    from.version = version;
-    from.data = stat;
-    memcpy(to.eui, eui, GWMP_EUI_SZ);
-    to.format = ns_format;
-    to.direction = BRIDGE_DIRECTION_STATS;
-    to.version = ns_version;
-    to.data = stat_out.get();
-    return bridge_translate_generic(&from, &to);
+    LOG_TRACE("received datagram from %s , port %s", converter_ctx.gw_host, port);
+    converter_ctx.version = h.version;
+    return 0;
 }
 
-// `body` is the gateway EUI, the JSON text and its zero byte; `size` counts all three.
-int dataplane_handle_push_data(const uint8_t *body, size_t size, uint32_t version) {
-    if (size <= GWMP_EUI_SZ + 2) {
+void dataplane_uplink_forwarded() {
+    bridge_health_count(BRIDGE_CNT_UP_FORWARDED);
+    if (!converter_ctx.uplink_forwarded) {
+        converter_ctx.uplink_forwarded = true;
+        LOG_INFO("first uplink forwarded to the LNS");
+    }
+}
+
+// Each rxpk becomes a message of its own. A packet that does not translate is dropped alone;
+// one the LNS client refuses ends the datagram unacknowledged (the rest would be refused too).
+int dataplane_handle_rxpk(uint32_t version, const uint8_t *eui, json_object *rxpk) {
+    const size_t count = json_object_array_length(rxpk);
+    bridge_health_count(BRIDGE_CNT_UP_RECEIVED, static_cast<uint32_t>(count));
+    for (size_t i = 0; i < count; ++i) {
+        bridge_json_ptr out(json_object_new_object());
+        if (!out) {
+            LOG_ERROR("failed to create object");
+            bridge_health_count(BRIDGE_CNT_UP_DROP_INVALID, static_cast<uint32_t>(count - i));
+            return -1;
+        }
+        if (dataplane_translate(BRIDGE_DIRECTION_UPLINK, version, eui, json_object_array_get_idx(rxpk, i),
+                                out.get()) < 0) {
+            LOG_TRACE("failed to translate message");
+            bridge_health_count(BRIDGE_CNT_UP_DROP_INVALID);
+            continue;
+        }
+        if (bridge_bstn_lns_uplink_push(out.get()) < 0) {
+            LOG_ERROR_LIMITED("failed to send message to LNS");
+            bridge_health_count(BRIDGE_CNT_UP_DROP_LNS, static_cast<uint32_t>(count - i));
+            BRIDGE_ASSERT(converter_ctx.cb);
+            converter_ctx.cb(0, converter_ctx.cb_arg);
+            return -1;
+        }
+        dataplane_uplink_forwarded();
+    }
+    return 0;
+}
+
+// `body` is the gateway EUI and the JSON text, followed by a zero byte; `len` counts the first two.
+int dataplane_handle_push_body(uint32_t version, const uint8_t *body, size_t len) {
+    if (len < GWMP_EUI_SZ + PUSH_DATA_MIN_JSON) {
         LOG_DEBUG("no data to handle");
+        bridge_health_count(BRIDGE_CNT_UP_DROP_INVALID);
         return -1;
     }
     const uint8_t *eui = body;
     const char *text = reinterpret_cast<const char *>(body + GWMP_EUI_SZ);
-
-    bridge_json_ptr out(json_object_new_object());
-    if (!out) {
-        LOG_ERROR("failed to create object");
-        return -1;
-    }
     LOG_DEBUG("PUSH_DATA message body: %s", text);
     bridge_json_ptr doc(json_tokener_parse(text));
     if (!doc) {
-        LOG_ERROR("failed to allocate tokener");
+        LOG_ERROR_LIMITED("failed to allocate tokener: the PUSH_DATA body is not a JSON text");
+        bridge_health_count(BRIDGE_CNT_UP_DROP_INVALID);
         return -1;
     }
 
@@ -152,90 +203,100 @@ int dataplane_handle_push_data(const uint8_t *body, size_t size, uint32_t versio
         LOG_TRACE("no geoloc object in %s", text);
 
     int rc = 0;
-    if (json_object_is_type(rxpk, json_type_array)) {
-        const size_t count = json_object_array_length(rxpk);
-        for (size_t i = 0; i < count; ++i) {
-            uint32_t ns_version = 0, ns_format = 0;
-            rc = get_version_and_ns_format(&ns_version, &ns_format);
-            if (rc < 0) {
-                LOG_ERROR("failed to extract NS version and data format");
-                break;
-            }
-            bridge_translate_msg from{};
-            bridge_translate_msg to{};
-            memcpy(from.eui, eui, GWMP_EUI_SZ);
-            from.format = DATA_TYPE_SEMTECH;
-            from.direction = BRIDGE_DIRECTION_UPLINK;
-            from.version = version;
-            from.data = json_object_array_get_idx(rxpk, i);
-            memcpy(to.eui, eui, GWMP_EUI_SZ);
-            to.format = ns_format;
-            to.direction = BRIDGE_DIRECTION_UPLINK;
-            to.version = ns_version;
-            to.data = out.get();
-            rc = bridge_translate_generic(&from, &to);
-            if (rc < 0) {
-                LOG_TRACE("failed to translate message");
-                break;
-            }
-            rc = bridge_bstn_lns_uplink_push(out.get());
-            if (rc < 0) {
-                LOG_ERROR("failed to send message to LNS");
-                BRIDGE_ASSERT(converter_ctx.cb);
-                converter_ctx.cb(0, converter_ctx.cb_arg);
-                break;
-            }
+    if (json_object_is_type(rxpk, json_type_array))
+        rc = dataplane_handle_rxpk(version, eui, rxpk);
+    // A stat `count` only keeps the time base in step; nothing goes to the LNS.
+    if (stat != nullptr) {
+        bridge_json_ptr stat_out(json_object_new_object());
+        if (!stat_out) {
+            LOG_DEBUG("failed to create statistics object");
+            return -1;
         }
+        const int stat_rc = dataplane_translate(BRIDGE_DIRECTION_STATS, version, eui, stat, stat_out.get());
+        if (rc == 0) rc = stat_rc;
     }
-    if (rc >= 0 && stat != nullptr)
-        rc = dataplane_handle_stat(eui, version, stat);
     return rc;
 }
 
-// `buf` holds the datagram followed by one zero byte; `length` counts that byte.
-int dataplane_handle_datagram(const uint8_t *buf, size_t length, const sockaddr *from, socklen_t from_len) {
-    if (length < GWMP_HEADER_SZ + 1) {
-        LOG_TRACE("not enough data to continue: %zu", length);
-        return -1;
-    }
-    const uint8_t version = buf[0];
-    if (version != 1 && version != 2) {
-        LOG_TRACE("invalid version: %d", version);
-        return -1;
-    }
-    converter_ctx.version = version;
+// ---- one handler per datagram type (body: after the header, zero-terminated) --------------
 
-    const uint8_t id = buf[3];
-    if (id == GWMP_PUSH_DATA || id == GWMP_PULL_DATA) {
-        char *port = id == GWMP_PUSH_DATA ? converter_ctx.push_port : converter_ctx.pull_port;
-        int rc = getnameinfo(from, from_len, converter_ctx.gw_host, HOST_SZ, port, HOST_SZ,
-                             NI_NUMERICHOST | NI_NUMERICSERV);
-        if (rc != 0) {
-            LOG_ERROR("error getting gateway info: %s", gai_strerror(rc));
-            return -1;
-        }
-        LOG_TRACE("received datagram from %s , port %s", converter_ctx.gw_host, port);
-    }
+int dataplane_on_push_data(const gwmp_header &h, const uint8_t *body, size_t len, const sockaddr *from,
+                           socklen_t from_len) {
+    if (dataplane_remember_forwarder(h, converter_ctx.push_port, from, from_len) != 0) return -1;
+    LOG_TRACE("PUSH_DATA received with version: %d", h.version);
+    const int rc = dataplane_handle_push_body(h.version, body, len);
+    if (rc != 0) return rc; // the forwarder counts what was not acknowledged
+    return dataplane_send_ack(h, GWMP_PUSH_ACK, converter_ctx.push_port);
+}
 
-    switch (id) {
-    case GWMP_PULL_DATA:
-        LOG_TRACE("PULL_DATA received");
-        converter_ctx.rx_allowed = true;
-        return dataplane_send_ack(buf, GWMP_PULL_ACK, converter_ctx.pull_port);
-    case GWMP_TX_ACK:
-        LOG_TRACE("TX_ACK received with size: %zu", length - GWMP_HEADER_SZ);
+int dataplane_on_pull_data(const gwmp_header &h, const uint8_t *, size_t, const sockaddr *from,
+                           socklen_t from_len) {
+    if (dataplane_remember_forwarder(h, converter_ctx.pull_port, from, from_len) != 0) return -1;
+    LOG_TRACE("PULL_DATA received");
+    converter_ctx.rx_allowed = true;
+    return dataplane_send_ack(h, GWMP_PULL_ACK, converter_ctx.pull_port);
+}
+
+// The forwarder's verdict on a PULL_RESP: {"txpk_ack":{"error":"TOO_LATE"}}, "NONE" or no
+// body when the downlink was scheduled.
+int dataplane_on_tx_ack(const gwmp_header &, const uint8_t *body, size_t len, const sockaddr *, socklen_t) {
+    LOG_TRACE("TX_ACK received with size: %zu", len + 1);
+    if (len <= GWMP_EUI_SZ) return 0;
+    bridge_json_ptr doc(json_tokener_parse(reinterpret_cast<const char *>(body + GWMP_EUI_SZ)));
+    json_object *ack = nullptr, *error = nullptr;
+    if (!doc || !json_object_object_get_ex(doc.get(), "txpk_ack", &ack) ||
+        !json_object_object_get_ex(ack, "error", &error) || !json_object_is_type(error, json_type_string))
         return 0;
-    case GWMP_PUSH_DATA: {
-        LOG_TRACE("PUSH_DATA received with version: %d", version);
-        int rc = dataplane_handle_push_data(buf + GWMP_HEADER_SZ, length - GWMP_HEADER_SZ, version);
-        if (rc != 0)
-            return rc;
-        return dataplane_send_ack(buf, GWMP_PUSH_ACK, converter_ctx.push_port);
+    const char *text = json_object_get_string(error);
+    if (strcmp(text, "NONE") == 0) return 0;
+    const bridge_counter kind = bridge_health_txack_counter(text);
+    bridge_health_count(kind);
+    // One limiter per kind: a steady TOO_LATE does not hide a first COLLISION_PACKET.
+    static std::array<bridge_log_limit, BRIDGE_CNT_COUNT> limits{};
+    bridge_log_print_limited(&limits[kind], BRIDGE_LOG_WARN, __FILE__, __LINE__,
+                             "TX_ACK error from the packet forwarder: %s", text);
+    return 0;
+}
+
+using gwmp_handler = int (*)(const gwmp_header &h, const uint8_t *body, size_t len, const sockaddr *from,
+                             socklen_t from_len);
+
+gwmp_handler dataplane_handler(uint8_t id) {
+    switch (id) {
+    case GWMP_PUSH_DATA: return dataplane_on_push_data;
+    case GWMP_PULL_DATA: return dataplane_on_pull_data;
+    case GWMP_TX_ACK: return dataplane_on_tx_ack;
+    default: return nullptr;
     }
-    default:
-        LOG_TRACE("invalid packet type: %d", id);
+}
+
+// `buf` holds `len` received bytes followed by one zero byte.
+int dataplane_handle_datagram(const uint8_t *buf, size_t len, const sockaddr *from, socklen_t from_len) {
+    gwmp_header h{};
+    const int rc = bridge_gwmp_read_header(buf, len, &h);
+    if (rc == GWMP_TOO_SHORT) {
+        LOG_TRACE("not enough data to continue: %zu", len + 1);
         return -1;
     }
+    if (rc == GWMP_BAD_VERSION) {
+        LOG_TRACE("invalid version: %d", buf[0]);
+        return -1;
+    }
+    const gwmp_handler handle = dataplane_handler(h.id);
+    if (handle == nullptr) {
+        LOG_TRACE("invalid packet type: %d", h.id);
+        return -1;
+    }
+    return handle(h, buf + GWMP_HEADER_SZ, len - GWMP_HEADER_SZ, from, from_len);
+}
+
+void dataplane_downlink_send(const uint8_t *msg, size_t len) {
+    if (dataplane_send(msg, len, converter_ctx.pull_port) < 0) {
+        LOG_ERROR_LIMITED("downlink send failed");
+        bridge_health_count(BRIDGE_CNT_DN_DROP_NO_FORWARDER);
+        return;
+    }
+    bridge_health_count(BRIDGE_CNT_DN_SENT);
 }
 
 void dataplane_worker(void *) {
@@ -243,12 +304,9 @@ void dataplane_worker(void *) {
     const int pipe_rd = converter_ctx.pipe_fds[0];
     const int sock = converter_ctx.sock;
     const int max_fd = pipe_rd > sock ? pipe_rd : sock;
+    uint8_t *rx_buf = converter_ctx.rx_buf;
 
     while (!converter_ctx.stop) {
-        uint8_t rx_buf[BRIDGE_DATAPLANE_RX_BUF_SZ];
-        uint8_t pipe_buf[BRIDGE_DATAPLANE_PIPE_MSG_SZ];
-        memset(rx_buf, 0, sizeof rx_buf);
-        memset(pipe_buf, 0, sizeof pipe_buf);
         fd_set read_set;
         FD_ZERO(&read_set);
         FD_SET(pipe_rd, &read_set);
@@ -264,35 +322,46 @@ void dataplane_worker(void *) {
 
         // The pipe goes first: a ready socket is served on the next round.
         if (FD_ISSET(pipe_rd, &read_set)) {
+            uint8_t pipe_buf[BRIDGE_DATAPLANE_PIPE_MSG_SZ];
             ssize_t n = read(pipe_rd, pipe_buf, sizeof pipe_buf);
             if (n < 0) {
-                LOG_ERROR("failed to read from pipe");
+                if (errno != EAGAIN) LOG_ERROR("failed to read from pipe");
                 continue;
             }
             LOG_TRACE("pipe data received: %d bytes", static_cast<int>(n));
             if (n == 1 && pipe_buf[0] == STOP_MSG)
                 break;
-            if (n > 0 && dataplane_downlink_send(pipe_buf, static_cast<size_t>(n)) < 0)
-                LOG_ERROR("downlink send failed");
+            if (n > 0) dataplane_downlink_send(pipe_buf, static_cast<size_t>(n));
             continue;
         }
 
         if (FD_ISSET(sock, &read_set)) {
             sockaddr_storage from{};
             socklen_t from_len = sizeof from;
-            ssize_t n = recvfrom(sock, rx_buf, sizeof rx_buf - 1, 0, reinterpret_cast<sockaddr *>(&from),
-                                 &from_len);
+            ssize_t n = recvfrom(sock, rx_buf, BRIDGE_DATAPLANE_RX_BUF_SZ - 1, 0,
+                                 reinterpret_cast<sockaddr *>(&from), &from_len);
             if (n < 0) {
-                LOG_ERROR("error while receiving uplink message: %m");
+                LOG_ERROR_LIMITED("error while receiving uplink message: %m");
                 continue;
             }
             rx_buf[n] = 0;
-            if (dataplane_handle_datagram(rx_buf, static_cast<size_t>(n) + 1,
-                                          reinterpret_cast<const sockaddr *>(&from), from_len) < 0)
-                LOG_ERROR("failed to process uplink message");
+            if (dataplane_handle_datagram(rx_buf, static_cast<size_t>(n), reinterpret_cast<const sockaddr *>(&from),
+                                          from_len) < 0)
+                LOG_ERROR_LIMITED("failed to process uplink message");
         }
     }
     LOG_DEBUG("uplink/downlink worker thread exiting");
+}
+
+// Room for a full downlink ring and more: in packet mode every message takes a page of its own.
+void dataplane_size_pipe(int fd) {
+    const long page = sysconf(_SC_PAGESIZE);
+    const size_t slot = page > static_cast<long>(BRIDGE_DATAPLANE_PIPE_MSG_SZ) ? static_cast<size_t>(page)
+                                                                                : BRIDGE_DATAPLANE_PIPE_MSG_SZ;
+    const int want = static_cast<int>(slot * BRIDGE_DATAPLANE_PIPE_MSGS);
+    if (fcntl(fd, F_SETPIPE_SZ, want) < want)
+        LOG_WARN("failed to size the downlink pipe for %zu messages (%d bytes): %m; fewer downlinks can wait",
+                 BRIDGE_DATAPLANE_PIPE_MSGS, want);
 }
 
 } // namespace
@@ -318,27 +387,20 @@ int bridge_dataplane_init(bridge_dataplane_cb cb, void *cb_arg) {
 
     bridge_unique_fd sock(socket(AF_INET, SOCK_DGRAM, 0));
     if (!sock) {
-        LOG_ERROR("ERROR opening socket");
+        LOG_ERROR("ERROR opening socket: %m");
         return -1;
     }
-    // Packet mode keeps each downlink write a separate read, so two PULL_RESP
-    // queued back to back never reach the forwarder as one datagram.
+    // Packet mode keeps each downlink write a separate read, so two PULL_RESP queued back to
+    // back never reach the forwarder as one datagram. Both ends are non-blocking: the writer
+    // runs under the LNS client's lock and must drop rather than wait.
     int fds[2];
-    if (pipe2(fds, O_DIRECT) != 0) {
-        LOG_ERROR("failed to create pipe");
+    if (pipe2(fds, O_DIRECT | O_NONBLOCK) != 0) {
+        LOG_ERROR("failed to create pipe: %m");
         return -1;
     }
     bridge_unique_fd pipe_rd(fds[0]);
     bridge_unique_fd pipe_wr(fds[1]);
-    int flags = fcntl(pipe_rd.get(), F_GETFL);
-    if (flags < 0) {
-        LOG_ERROR("failed to get pipe flags");
-        return -1;
-    }
-    if (fcntl(pipe_rd.get(), F_SETFL, flags | O_NONBLOCK) < 0) {
-        LOG_ERROR("failed to set pipe flags");
-        return -1;
-    }
+    dataplane_size_pipe(pipe_wr.get());
 
     converter_ctx.pool = pool_owner.release();
     converter_ctx.sock = sock.release();
@@ -350,6 +412,7 @@ int bridge_dataplane_init(bridge_dataplane_cb cb, void *cb_arg) {
     converter_ctx.cb_arg = cb_arg;
     converter_ctx.version = 1;
     converter_ctx.stop = false;
+    converter_ctx.uplink_forwarded = false;
     bridge_bstn_xtime_init();
     LOG_DEBUG("UDP bridge is initialized");
     return 0;
@@ -372,16 +435,23 @@ int bridge_dataplane_deinit() {
 int bridge_dataplane_start_server(int port) {
     BRIDGE_ASSERT(converter_ctx.inited);
     BRIDGE_ASSERT(port > 0);
+    // [semtech] bind_address: empty for every IPv4 address.
+    const char *address = bridge_config_get_root()->semtech.bind_address;
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_ANY);
     addr.sin_port = htons(static_cast<uint16_t>(port));
+    if (address[0] != '\0' && inet_pton(AF_INET, address, &addr.sin_addr) != 1) {
+        LOG_ERROR("invalid [semtech] bind_address \"%s\": expected an IPv4 address such as 127.0.0.1", address);
+        return -1;
+    }
     int rc = bind(converter_ctx.sock, reinterpret_cast<const sockaddr *>(&addr), sizeof addr);
     if (rc != 0) {
-        LOG_ERROR("cannot bind: %m");
+        LOG_ERROR("cannot bind: %m: %s:%d", address[0] != '\0' ? address : "0.0.0.0", port);
         return rc;
     }
     converter_ctx.stop = false;
+    converter_ctx.uplink_forwarded = false;
     rc = thpool_add_work(converter_ctx.pool, dataplane_worker, nullptr);
     if (rc < 0)
         LOG_ERROR("failed to launch uplink worker thread");
@@ -391,8 +461,9 @@ int bridge_dataplane_start_server(int port) {
 int bridge_dataplane_stop_server() {
     BRIDGE_ASSERT(converter_ctx.inited);
     converter_ctx.stop = true;
-    if (write(converter_ctx.pipe_fds[1], &STOP_MSG, 1) != 1)
-        LOG_ERROR("failed to write downlink packet into the pipe");
+    // A full pipe wakes the worker anyway, and it sees `stop` after that message.
+    if (write(converter_ctx.pipe_fds[1], &STOP_MSG, 1) != 1 && errno != EAGAIN)
+        LOG_ERROR("failed to write downlink packet into the pipe: %m");
     thpool_wait(converter_ctx.pool);
     return 0;
 }
@@ -413,14 +484,23 @@ int bridge_dataplane_ns_disconnect() {
 int bridge_dataplane_handle_datagram(const uint8_t *data, size_t len, const struct sockaddr *from,
                                      socklen_t from_len) {
     BRIDGE_ASSERT(converter_ctx.inited);
-    uint8_t buf[BRIDGE_DATAPLANE_RX_BUF_SZ] = {};
-    const size_t n = len < sizeof buf - 1 ? len : sizeof buf - 1;
+    const size_t n = len < BRIDGE_DATAPLANE_RX_BUF_SZ - 1 ? len : BRIDGE_DATAPLANE_RX_BUF_SZ - 1;
     if (n > 0)
-        memcpy(buf, data, n);
-    return dataplane_handle_datagram(buf, n + 1, from, from_len);
+        memcpy(converter_ctx.rx_buf, data, n);
+    converter_ctx.rx_buf[n] = 0;
+    return dataplane_handle_datagram(converter_ctx.rx_buf, n, from, from_len);
 }
 
-int bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t length) {
+namespace {
+
+// Translates one dnmsg and queues its PULL_RESP for the worker: 0, or the counter of the drop.
+int dataplane_queue_downlink(const char *payload, size_t length, bridge_counter *drop) {
+    *drop = BRIDGE_CNT_DN_DROP_NO_FORWARDER;
+    if (!converter_ctx.rx_allowed) {
+        LOG_WARN_LIMITED("RX is not yet allowed: no PULL_DATA from the packet forwarder yet, downlink dropped");
+        return -1;
+    }
+    *drop = BRIDGE_CNT_DN_DROP_INVALID;
     if (length == 0) {
         LOG_WARN("empty payload received, skipping");
         return -1;
@@ -432,7 +512,7 @@ int bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t length
     }
     bridge_json_ptr msg(json_tokener_parse_ex(tok.get(), payload, static_cast<int>(length)));
     if (!msg) {
-        LOG_WARN("unable to parse downlink payload");
+        LOG_WARN_LIMITED("unable to parse downlink payload");
         return -1;
     }
     bridge_json_ptr txpk(json_object_new_object());
@@ -440,23 +520,17 @@ int bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t length
         LOG_ERROR("failed to create object");
         return -1;
     }
-    uint32_t ns_version = 0, ns_format = 0;
-    if (get_version_and_ns_format(&ns_version, &ns_format) < 0) {
-        LOG_ERROR("failed to extract the NS version and data format");
+    const uint32_t version = converter_ctx.version.load();
+    uint32_t token = 0;
+    const int rc = dataplane_translate(BRIDGE_DIRECTION_DOWNLINK, version, nullptr, msg.get(), txpk.get(), &token);
+    if (rc == -EOPNOTSUPP) {
+        *drop = BRIDGE_CNT_DN_DROP_NO_FORWARDER;
+        LOG_WARN_LIMITED("failed to translate downlink packet body: the packet forwarder speaks protocol "
+                         "version %u, which carries no downlinks", version);
         return -1;
     }
-    bridge_translate_msg from{};
-    bridge_translate_msg to{};
-    from.format = ns_format;
-    from.direction = BRIDGE_DIRECTION_DOWNLINK;
-    from.version = ns_version;
-    from.data = msg.get();
-    to.format = DATA_TYPE_SEMTECH;
-    to.direction = BRIDGE_DIRECTION_DOWNLINK;
-    to.version = converter_ctx.version.load();
-    to.data = txpk.get();
-    if (bridge_translate_generic(&from, &to) < 0) {
-        LOG_WARN("failed to translate downlink packet body");
+    if (rc < 0) {
+        LOG_WARN_LIMITED("failed to translate downlink packet body");
         return -1;
     }
 
@@ -473,25 +547,37 @@ int bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t length
     }
     const size_t n = strlen(text) + 1;
     if (n + GWMP_HEADER_SZ > BRIDGE_DATAPLANE_PIPE_MSG_SZ) {
-        LOG_WARN("packet body is too big: %zd bytes", static_cast<ssize_t>(n));
+        LOG_WARN_LIMITED("packet body is too big: %zd bytes", static_cast<ssize_t>(n));
         return -1;
     }
     uint8_t pipe_msg[BRIDGE_DATAPLANE_PIPE_MSG_SZ];
-    pipe_msg[0] = static_cast<uint8_t>(to.version);
-    pipe_msg[1] = static_cast<uint8_t>(to.token & 0xff);
-    pipe_msg[2] = static_cast<uint8_t>((to.token >> 8) & 0xff);
-    pipe_msg[3] = GWMP_PULL_RESP;
-    memcpy(pipe_msg + GWMP_HEADER_SZ, text, n);
-    ssize_t written = write(converter_ctx.pipe_fds[1], pipe_msg, n + GWMP_HEADER_SZ);
-    if (written < 0) {
-        LOG_ERROR("failed to write downlink packet into the pipe");
+    const size_t head = bridge_gwmp_write_header({static_cast<uint8_t>(version), static_cast<uint16_t>(token),
+                                                  GWMP_PULL_RESP}, pipe_msg);
+    memcpy(pipe_msg + head, text, n);
+    ssize_t written = write(converter_ctx.pipe_fds[1], pipe_msg, head + n);
+    if (written < 0 && errno == EAGAIN) {
+        *drop = BRIDGE_CNT_DN_DROP_PIPE_FULL;
+        LOG_ERROR_LIMITED("failed to write downlink packet into the pipe: %zu downlinks already wait for the "
+                          "UDP worker, downlink dropped", BRIDGE_DATAPLANE_PIPE_MSGS);
         return -1;
     }
-    if (static_cast<size_t>(written) < n + GWMP_HEADER_SZ) {
-        LOG_WARN("pipe consumed less data: [%d] than expected: [%zu]", static_cast<int>(written),
-                 n + GWMP_HEADER_SZ);
+    if (written < 0) {
+        LOG_ERROR_LIMITED("failed to write downlink packet into the pipe: %m");
+        return -1;
+    }
+    if (static_cast<size_t>(written) < head + n) {
+        LOG_WARN("pipe consumed less data: [%d] than expected: [%zu]", static_cast<int>(written), head + n);
         return -1;
     }
     LOG_TRACE("bytes written to pipe: [%d]", static_cast<int>(written));
     return 0;
+}
+
+} // namespace
+
+int bridge_dataplane_downlink_cb(int, void *, const char *payload, size_t length) {
+    bridge_counter drop = BRIDGE_CNT_DN_DROP_INVALID;
+    if (dataplane_queue_downlink(payload, length, &drop) == 0) return 0;
+    bridge_health_count(drop);
+    return -1;
 }

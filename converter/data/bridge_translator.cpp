@@ -12,49 +12,63 @@
 namespace {
 
 constexpr int XTIME_EPOCH_SHIFT = 48;
-constexpr uint64_t XTIME_COUNTER_WRAP = 1ull << 32;
-// An uplink may claim to be this much older than the last `count` (us).
-constexpr int32_t XTIME_MAX_UPLINK_AGE_US = 100000;
+constexpr uint64_t XTIME_EPOCH_MASK = ~BRIDGE_XTIME_COUNTER_MASK;
+constexpr uint32_t XTIME_EPOCH_MAX = 0xFF;
+constexpr int64_t US_PER_SECOND = 1000000;
 
-// Written by the statistics translator and read by the uplink translators,
-// both on the dataplane's worker thread; set by init before that thread runs.
-uint64_t bstn_xtime_base = 0;
+// Written only by the dataplane's worker thread (uplink and statistics translators);
+// set by init before that thread runs.
+bridge_xtime_state bstn_xtime{};
 
-// Signed distance from the low word of the base to a 32-bit counter value.
-int32_t counter_delta(uint64_t base, int64_t counter) {
-    return static_cast<int32_t>(static_cast<uint32_t>(counter) - static_cast<uint32_t>(base));
+uint64_t monotonic_us() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+}
+
+uint32_t epoch_of(uint64_t base) {
+    return static_cast<uint32_t>(base >> XTIME_EPOCH_SHIFT) & XTIME_EPOCH_MAX;
 }
 
 } // namespace
 
-bool bridge_xtime_is_synced(uint64_t base) {
-    return (base & BRIDGE_XTIME_COUNTER_MASK) != 0;
-}
-
 uint64_t bridge_xtime_initial_base(int draw) {
-    uint64_t epoch = static_cast<uint64_t>(draw) & 0xFF;
+    uint64_t epoch = static_cast<uint64_t>(draw) & XTIME_EPOCH_MAX;
     if (epoch == 0) epoch = 1; // 0 is the xtime error value, so never epoch 0
     return epoch << XTIME_EPOCH_SHIFT;
 }
 
-bool bridge_xtime_count_rolled_over(uint64_t base, int64_t count) {
-    return count != 0 && bridge_xtime_is_synced(base) && counter_delta(base, count) < 0;
+uint32_t bridge_xtime_next_epoch(uint32_t epoch) {
+    return (epoch & XTIME_EPOCH_MAX) % XTIME_EPOCH_MAX + 1;
 }
 
-uint64_t bridge_xtime_sync(uint64_t base, int64_t count) {
-    if (count == 0) return base;
-    if (!bridge_xtime_is_synced(base)) return base + static_cast<uint64_t>(count);
-    int32_t d = counter_delta(base, count);
-    // A negative difference is a wrap of the 32-bit counter: carry into bit 32
-    // so that the base never moves backwards.
-    if (d < 0) return base + static_cast<uint64_t>(static_cast<int64_t>(d) + static_cast<int64_t>(XTIME_COUNTER_WRAP));
-    return base + static_cast<uint64_t>(d);
-}
-
-int64_t bridge_xtime_from_tmst(uint64_t base, int64_t tmst) {
-    int32_t diff = counter_delta(base, tmst);
-    if (diff < -XTIME_MAX_UPLINK_AGE_US) return 0;
-    return static_cast<int64_t>(base + static_cast<uint64_t>(static_cast<int64_t>(diff)));
+bridge_xtime_step bridge_xtime_observe(bridge_xtime_state *s, int64_t counter, uint64_t now_us) {
+    const uint32_t value = static_cast<uint32_t>(counter);
+    const uint64_t epoch_bits = s->base & XTIME_EPOCH_MASK;
+    if (!s->synced) {
+        *s = {epoch_bits | value, now_us, true};
+        return {static_cast<int64_t>(s->base), BRIDGE_XTIME_SYNCED, 0};
+    }
+    // Where the clock says the counter is now, and the value with the observed low word
+    // nearest to it: that settles how often the counter wrapped, however long the silence.
+    const uint64_t elapsed = now_us > s->seen_us ? now_us - s->seen_us : 0;
+    const int64_t expected = static_cast<int64_t>((s->base & BRIDGE_XTIME_COUNTER_MASK) + elapsed);
+    const int64_t offset = static_cast<int32_t>(value - static_cast<uint32_t>(expected));
+    const int64_t extended = expected + offset;
+    if (offset > BRIDGE_XTIME_AHEAD_TOLERANCE_US || offset < -BRIDGE_XTIME_BEHIND_TOLERANCE_US || extended < 0 ||
+        extended > static_cast<int64_t>(BRIDGE_XTIME_COUNTER_MASK)) {
+        // A counter the clock cannot explain belongs to a new run: a new epoch tells the LNS
+        // that times of the old run no longer compare with the new ones.
+        const uint64_t epoch = bridge_xtime_next_epoch(epoch_of(s->base));
+        *s = {(epoch << XTIME_EPOCH_SHIFT) | value, now_us, true};
+        return {static_cast<int64_t>(s->base), BRIDGE_XTIME_JUMPED, offset};
+    }
+    const uint64_t xtime = epoch_bits | static_cast<uint64_t>(extended);
+    if (xtime > s->base) { // an older packet (out of order) does not move the base back
+        s->base = xtime;
+        s->seen_us = now_us;
+    }
+    return {static_cast<int64_t>(xtime), BRIDGE_XTIME_IN_STEP, 0};
 }
 
 uint32_t bridge_xtime_to_tmst(int64_t xtime, int64_t delay_us) {
@@ -62,19 +76,37 @@ uint32_t bridge_xtime_to_tmst(int64_t xtime, int64_t delay_us) {
     return static_cast<uint32_t>(static_cast<uint64_t>(xtime) + static_cast<uint64_t>(delay_us));
 }
 
+int64_t bridge_rx_delay_us(int64_t rx_delay) {
+    if (rx_delay == 0) rx_delay = 1;
+    // Wrapping arithmetic: only the low 32 bits of the result reach tmst.
+    return static_cast<int64_t>(static_cast<uint64_t>(rx_delay) * static_cast<uint64_t>(US_PER_SECOND));
+}
+
 int bridge_bstn_xtime_init() {
     srand(static_cast<unsigned>(time(NULL)));
-    bstn_xtime_base = bridge_xtime_initial_base(rand());
-    LOG_INFO("bstn xtime init to: %lld", (long long)bstn_xtime_base);
+    bstn_xtime = {bridge_xtime_initial_base(rand()), 0, false};
+    LOG_INFO("bstn xtime init to: %lld", (long long)bstn_xtime.base);
     return 0;
 }
 
+int64_t bridge_bstn_xtime_observe(int64_t counter) {
+    const bridge_xtime_step step = bridge_xtime_observe(&bstn_xtime, counter, monotonic_us());
+    if (step.change == BRIDGE_XTIME_JUMPED)
+        LOG_WARN("concentrator counter jumped by %lld us from where the local clock puts it (packet forwarder "
+                 "or concentrator restarted): starting a new time base",
+                 (long long)step.offset_us);
+    if (step.change != BRIDGE_XTIME_IN_STEP)
+        LOG_INFO("time base synchronised: epoch %u", epoch_of(bstn_xtime.base));
+    return step.xtime;
+}
+
 int64_t bridge_bstn_xtime_base() {
-    return static_cast<int64_t>(bstn_xtime_base);
+    return static_cast<int64_t>(bstn_xtime.base);
 }
 
 void bridge_bstn_xtime_set_base(int64_t base) {
-    bstn_xtime_base = static_cast<uint64_t>(base);
+    const uint64_t b = static_cast<uint64_t>(base);
+    bstn_xtime = {b, monotonic_us(), (b & BRIDGE_XTIME_COUNTER_MASK) != 0};
 }
 
 // ---- converter dispatch ----------------------------------------------------

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "common/base64.h"
+#include "common/bridge_health.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_utils.h"
 
@@ -25,16 +26,6 @@ constexpr int64_t US_PER_SECOND = 1000000;
 constexpr int64_t TX_POWER_DBM = 27;
 
 enum device_class : int64_t { CLASS_A = 0, CLASS_B = 1, CLASS_C = 2 };
-
-// Delay from the uplink's xtime to the transmission. The LNS client reports
-// the transmit time in dntxed counting an RxDelay of 0 as 1 second (LoRaWAN
-// defines RX1 delay 0 as 1 s), so the scheduled tmst counts it the same way
-// and both sides agree.
-int64_t rx_delay_us(int64_t rx_delay) {
-    if (rx_delay == 0) rx_delay = 1;
-    // Wrapping arithmetic: only the low 32 bits of the result reach tmst.
-    return static_cast<int64_t>(static_cast<uint64_t>(rx_delay) * static_cast<uint64_t>(US_PER_SECOND));
-}
 
 } // namespace
 
@@ -63,7 +54,7 @@ int bridge_translate_downlink_bstn_v1_to_semtech_v2(json_object *bstn, json_obje
     };
     int rc = bridge_json_deserialize(bstn, common);
     if (rc < 0) {
-        LOG_WARN("failed to deserialize common part of the downlink packet: %s", json_object_to_json_string(bstn));
+        LOG_WARN_LIMITED("failed to deserialize common part of the downlink packet: %s", json_object_to_json_string(bstn));
         return rc;
     }
 
@@ -81,11 +72,11 @@ int bridge_translate_downlink_bstn_v1_to_semtech_v2(json_object *bstn, json_obje
     case CLASS_B: rc = bridge_json_deserialize(bstn, class_b); break;
     case CLASS_C: rc = bridge_json_deserialize(bstn, class_c); break;
     default:
-        LOG_WARN("invalid DC value received from BSTN: %u", static_cast<uint32_t>(dc));
+        LOG_WARN_LIMITED("invalid DC value received from BSTN: %u", static_cast<uint32_t>(dc));
         return -1;
     }
     if (rc < 0) {
-        LOG_WARN("failed to deserialize class-specific part of the downlink packet: %s",
+        LOG_WARN_LIMITED("failed to deserialize class-specific part of the downlink packet: %s",
                  json_object_to_json_string(bstn));
         return rc;
     }
@@ -109,7 +100,7 @@ int bridge_translate_downlink_bstn_v1_to_semtech_v2(json_object *bstn, json_obje
     const char *when_key = "tmst";
     switch (dc) {
     case CLASS_A: {
-        int64_t delay = rx_delay_us(rx_delay);
+        int64_t delay = bridge_rx_delay_us(rx_delay);
         when = bridge_xtime_to_tmst(xtime, delay);
         if (rx2_dr != -1 && rx2_freq != -1) // RX2 opens one second after RX1
             when = bridge_xtime_to_tmst(when, US_PER_SECOND);
@@ -120,7 +111,7 @@ int bridge_translate_downlink_bstn_v1_to_semtech_v2(json_object *bstn, json_obje
         when = gpstime / 1000; // GPS time in microseconds -> milliseconds
         break;
     default:
-        when = bridge_xtime_to_tmst(xtime, rx_delay_us(rx_delay));
+        when = bridge_xtime_to_tmst(xtime, bridge_rx_delay_us(rx_delay));
         break;
     }
 

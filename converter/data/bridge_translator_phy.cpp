@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "common/bridge_health.h"
 #include "common/bridge_utils.h"
 
 namespace {
@@ -30,7 +31,7 @@ int parse_join_request(const uint8_t *phy, size_t len, int64_t xtime, uint32_t v
         LOG_TRACE("join request received: [%zu] bytes", len);
 
     if (len != JOIN_REQUEST_LEN) {
-        LOG_ERROR("invalid size of join request payload, expected 23 bytes, got: [%zu]", len);
+        LOG_ERROR_LIMITED("invalid size of join request payload, expected 23 bytes, got: [%zu]", len);
         return -1;
     }
     frame->mic = le32(phy + len - MIC_LEN);
@@ -58,7 +59,7 @@ int parse_data_frame(const uint8_t *phy, size_t len, int64_t xtime, uplink_frame
     frame->frm_payload[0] = '\0';
 
     if (len < DATA_HEADER_LEN) {
-        LOG_ERROR("LoRa PHY of [%zu] bytes is too small for data uplink", len);
+        LOG_ERROR_LIMITED("LoRa PHY of [%zu] bytes is too small for data uplink", len);
         return -1;
     }
     frame->dev_addr = le32(phy + 1);
@@ -66,7 +67,7 @@ int parse_data_frame(const uint8_t *phy, size_t len, int64_t xtime, uplink_frame
     frame->fcnt = le16(phy + 6);
     size_t fopts_len = frame->fctrl & 0x0F;
     if (len < fopts_len + DATA_HEADER_LEN) {
-        LOG_ERROR("LoRa data packet of [%zu] bytes is too small", len);
+        LOG_ERROR_LIMITED("LoRa data packet of [%zu] bytes is too small", len);
         return -1;
     }
     frame->mic = le32(phy + len - MIC_LEN);
@@ -120,7 +121,7 @@ int bridge_translate_parse_uplink_phy(const uint8_t *phy, size_t len, int64_t xt
     case 5: // confirmed data down
         return parse_data_frame(phy, len, xtime, frame);
     default:
-        LOG_ERROR("unknown uplink packet type: [%#x]", frame->frame_type);
+        LOG_ERROR_LIMITED("unknown uplink packet type: [%#x]", frame->frame_type);
         return -1;
     }
 }

@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "common/base64.h"
+#include "common/bridge_health.h"
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_utils.h"
 
@@ -76,12 +77,12 @@ int read_rsig(json_object *rxpk, rxpk_input *in) {
     }
     // A present rsig that is not an array (or is null) cannot be read element-wise.
     if (json_object_get_type(rsig) != json_type_array) {
-        LOG_ERROR("failed to deserialize rsig frame");
+        LOG_ERROR_LIMITED("failed to deserialize rsig frame");
         return -1;
     }
     size_t count = json_object_array_length(rsig);
     if (count > RSIG_MAX) {
-        LOG_ERROR("too many rsig values received");
+        LOG_ERROR_LIMITED("too many rsig values received");
         return -1;
     }
     for (size_t i = 0; i < count; i++) {
@@ -97,7 +98,7 @@ int read_rsig(json_object *rxpk, rxpk_input *in) {
         int rc = elem == nullptr ? -1 : bridge_json_deserialize(elem, frame);
         if (rc == 0 && !std::isfinite(lsnr)) rc = -1;
         if (rc < 0) {
-            LOG_ERROR("failed to deserialize rsig frame");
+            LOG_ERROR_LIMITED("failed to deserialize rsig frame");
             return rc;
         }
         if (i == 0) {
@@ -178,18 +179,12 @@ int translate_uplink(uint32_t version, bridge_translate_msg *mac, json_object *s
     BRIDGE_ASSERT(semtech);
     BRIDGE_ASSERT(bstn);
 
-    const uint64_t base = static_cast<uint64_t>(bridge_bstn_xtime_base());
-    if (!bridge_xtime_is_synced(base)) {
-        LOG_ERROR("Drop packet. Not synced with gateway count, wait for sync");
-        return -1;
-    }
-
     rxpk_input in;
     {
         time_t now = time(NULL);
         struct tm utc;
         if (gmtime_r(&now, &utc) == NULL) {
-            LOG_ERROR("failed to prepare time string for bstn uplink");
+            LOG_ERROR_LIMITED("failed to prepare time string for bstn uplink");
             return -1;
         }
         char now_text[64];
@@ -204,7 +199,7 @@ int translate_uplink(uint32_t version, bridge_translate_msg *mac, json_object *s
                      std::isfinite(in.lsnr)))
         rc = -1;
     if (rc < 0) {
-        LOG_ERROR("failed to deserialize uplink packet: %s", json_object_to_json_string(semtech));
+        LOG_ERROR_LIMITED("failed to deserialize uplink packet: %s", json_object_to_json_string(semtech));
         return rc;
     }
     if (version == 1) {
@@ -214,11 +209,11 @@ int translate_uplink(uint32_t version, bridge_translate_msg *mac, json_object *s
 
     const size_t data_sz = static_cast<size_t>(Base64decode_len(in.data));
     if (data_sz > PHY_MAX) {
-        LOG_ERROR("LoRa PHY of [%zu] bytes is too big", data_sz);
+        LOG_ERROR_LIMITED("LoRa PHY of [%zu] bytes is too big", data_sz);
         return -1;
     }
     if (data_sz < PHY_MIN) {
-        LOG_ERROR("LoRa PHY of [%zu] bytes is too small", data_sz);
+        LOG_ERROR_LIMITED("LoRa PHY of [%zu] bytes is too small", data_sz);
         return -1;
     }
     // One spare byte: the parser may read the decoder's terminator after the PHY.
@@ -239,15 +234,8 @@ int translate_uplink(uint32_t version, bridge_translate_msg *mac, json_object *s
     o.freq_hz = static_cast<int64_t>(in.freq * 1000000.0);
     snprintf(o.snr_text, sizeof(o.snr_text), "%0.1f", o.snr);
 
-    o.xtime = bridge_xtime_from_tmst(base, in.tmst);
-    if (o.xtime == 0) {
-        if (version == 1)
-            LOG_ERROR("Something seems to be wrong, UL timestamp: %lli, base: %lli", (long long)in.tmst,
-                      (long long)base);
-        else
-            LOG_ERROR("Something seems to be wrong, UL timestamp: %lld, base: %lld", (long long)in.tmst,
-                      (long long)base);
-    }
+    // The packet's own tmst keeps the time base in step (a stat `count` is optional).
+    o.xtime = bridge_bstn_xtime_observe(in.tmst);
 
     uplink_frame frame;
     if (bridge_translate_parse_uplink_phy(phy, phy_len, o.xtime, version, &frame) != 0) return -1;
@@ -290,13 +278,8 @@ int bridge_translate_stat_semtech_v1_to_bstn_v1(bridge_translate_msg *mac, json_
         LOG_TRACE("No count value, please configure pkt fwd to report count!");
         return 0;
     }
-    uint64_t base = static_cast<uint64_t>(bridge_bstn_xtime_base());
-    if (bridge_xtime_count_rolled_over(base, count))
-        LOG_TRACE("Gateway count roll over, count: %lld, base: %lld", (long long)count,
-                  (long long)(base & BRIDGE_XTIME_COUNTER_MASK));
-    base = bridge_xtime_sync(base, count);
-    bridge_bstn_xtime_set_base(static_cast<int64_t>(base));
-    LOG_TRACE("bstn xtime base updated: %lld", (long long)base);
+    bridge_bstn_xtime_observe(count);
+    LOG_TRACE("bstn xtime base updated: %lld", (long long)bridge_bstn_xtime_base());
     return 0;
 }
 

@@ -58,21 +58,22 @@ def depends_names(depends):
 def run_daemon_until(argv, marker, seconds, **kw):
     """Runs the daemon, returns its standard error once `marker` appeared or
     after `seconds`; the process is always ended."""
-    p = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, **kw)
+    # Bytes, not text: a non-blocking text stream raises when nothing is ready.
+    p = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, **kw)
     os.set_blocking(p.stderr.fileno(), False)
-    out = ""
+    out = b""
     deadline = time.monotonic() + seconds
     try:
-        while time.monotonic() < deadline and marker not in out and p.poll() is None:
+        while time.monotonic() < deadline and marker.encode() not in out and p.poll() is None:
             time.sleep(0.1)
-            out += p.stderr.read() or ""
+            out += p.stderr.read() or b""
     finally:
         if p.poll() is None:
             p.send_signal(signal.SIGTERM)
         p.wait(timeout=10)
-        out += p.stderr.read() or ""
+        out += p.stderr.read() or b""
         p.stderr.close()
-    return out
+    return out.decode(errors="replace")
 
 
 class Package(unittest.TestCase):
@@ -201,6 +202,15 @@ class Package(unittest.TestCase):
         # the first pass stops at the missing CUPS key file.
         if os.path.exists(cfg["cups"]["key"]):
             self.skipTest("%s exists on this machine" % cfg["cups"]["key"])
+        # The shipped gw_eui is empty on purpose: the operator must set it first.
+        r = sh(os.path.join(self.root, "usr/bin/kes_bstn"), "-d", "-c", path, check=False)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("gw_eui", r.stderr)
+        with open(path) as f:
+            text = f.read().replace('gw_eui = ""', 'gw_eui = "00-16-c0-01-ff-10-a2-35"')
+        path = os.path.join(self.tmp, "kes_bstn.toml")
+        with open(path, "w") as f:
+            f.write(text)
         out = run_daemon_until([os.path.join(self.root, "usr/bin/kes_bstn"), "-d", "-v", "4", "-c", path],
                                "restarting Basic Station in 20 seconds...", 10)
         self.assertNotIn("aborting execution due to critical error", out)

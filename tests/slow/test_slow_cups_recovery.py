@@ -8,7 +8,11 @@ pass, and the recovery through the 20-second restart. One bridge with the CUPS e
           tests run as root, which ignores permission bits but not a read-only mount; chattr +i
           where mounting is not allowed). "No update" is answered, but the backup copy of the CUPS
           set cannot be written, so the update is not applied and the pass ends again;
-  pass 3: the directory is writable again: the update applies and the session carries traffic."""
+  pass 3: the directory is writable again: the update applies and the session carries traffic.
+
+A second bridge meets a CUPS server that trickles its answer (one byte every 2 s): the real
+low-speed limit (less than 1 byte/s for 60 s) abandons the transfer, the retry 15 s later gets
+"no update" and the session starts; the bootstrap never ends the pass."""
 
 import os
 import sys
@@ -22,6 +26,7 @@ import fault_support as fs  # noqa: E402
 from harness import check  # noqa: E402
 
 stack = fs.FaultStack(cups_specs=['{"hex": "0102"}', "empty", "empty"], prefix="kes_slow_cups_")
+trickle = fs.FaultStack(cups_specs=["trickle", "empty"], prefix="kes_slow_cups_trickle_")
 
 
 def test_invalid_update_then_read_only_credentials_then_recovery():
@@ -70,5 +75,33 @@ def test_invalid_update_then_read_only_credentials_then_recovery():
     check(stack.bridge.alive(), "bridge exited")
 
 
+def test_trickling_answer_is_abandoned_after_60_s():
+    try:
+        trickling_answer_is_abandoned()
+    except Exception:
+        trickle.keep = True
+        print("bridge log kept: %s" % trickle.bridge.log_path)
+        raise
+    finally:
+        trickle.down()
+
+
+def trickling_answer_is_abandoned():
+    trickle.launch()
+    t0 = time.monotonic()
+    trickle.ready(120)
+    reqs = trickle.cups.requests()
+    check([r["status"] for r in reqs] == ["trickle", 200], "CUPS answers: %r" % [r["status"] for r in reqs])
+    gap = reqs[1]["t"] - reqs[0]["t"]
+    print("  trickled answer abandoned; next request %.1f s after the first, session at %.1f s"
+          % (gap, time.monotonic() - t0))
+    check(60 + 15 <= gap <= 60 + 15 + 15, "retry %.1f s after the trickling request, expected 75-90" % gap)
+    log = trickle.bridge.log_text()
+    check("less than 1 byte/s for 60 s" in log, "the low-speed limit was not named")
+    check(fs.RESTART not in log, "the abandoned transfer ended the pass")
+    fs.uplink_and_downlink(trickle, 1)
+
+
 if __name__ == "__main__":
-    e2e.run_tests([test_invalid_update_then_read_only_credentials_then_recovery], stack)
+    e2e.run_tests([test_trickling_answer_is_abandoned_after_60_s,
+                   test_invalid_update_then_read_only_credentials_then_recovery], stack)

@@ -1,14 +1,16 @@
-// Helpers shared by the C++ tests: captured log output, scratch folders and
-// peer processes (the Python test servers).
+// Helpers shared by the C++ tests: captured log output, scratch folders, files and peer processes.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <string>
-#include <vector>
 #include <sys/types.h>
+#include <vector>
 
 namespace kes_test {
+
+// True when `text` holds `part` (log captures, file contents).
+inline bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 // Redirects file descriptor 2 (standard error) into a temporary file until stop().
 class StderrCapture {
@@ -19,7 +21,6 @@ public:
 private:
     int saved_fd_ = -1;
     std::string path_;
-    bool active_ = false;
 };
 
 // A scratch folder removed with its content on destruction.
@@ -37,18 +38,17 @@ void write_file(const std::string &path, const std::string &content);
 std::string read_file(const std::string &path);
 bool file_exists(const std::string &path);
 
-// A child process (normally /usr/bin/python3 running a peer from tests/peers).
-// start() waits until the child prints a line beginning with `ready_prefix`
-// and returns the rest of that line (for example a port number).
+// A child process (normally a simulator from sim/ under /usr/bin/python3). start() waits until
+// the child prints a line beginning with `ready_prefix` and returns the rest of that line.
 class Process {
 public:
     Process() = default;
-    ~Process();
+    ~Process() { stop(); }
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
     std::string start(const std::vector<std::string> &argv, const std::string &ready_prefix,
                       int timeout_ms = 20000);
-    // Reads the next line the child prints on standard output (empty on time-out/EOF).
+    // The next line the child prints on standard output (empty on time-out or end).
     std::string read_line(int timeout_ms = 10000);
     // Sends one line on the child's standard input.
     void write_line(const std::string &line);
@@ -75,7 +75,7 @@ void set_text(char (&field)[N], const std::string &text) {
 // Plain bitwise CRC-32 (IEEE 802.3), independent of the table-driven one under test.
 uint32_t reference_crc32(const std::string &data);
 
-std::string source_dir();
-std::string python();
+inline std::string source_dir() { return KES_SOURCE_DIR; }
+inline std::string python() { return KES_PYTHON; }
 
 } // namespace kes_test

@@ -1,186 +1,100 @@
-// Concentrator time base: pure arithmetic, initialisation and the statistics
-// translator that keeps the base in step with the forwarder's count.
+// Concentrator time base: the pure arithmetic, with the local clock passed in.
 #include <gtest/gtest.h>
 
-#include <string>
-
-#include "common/bridge_json_helpers.h"
-#include "common/bridge_utils.h"
 #include "converter/data/bridge_translator.h"
-#include "support/test_support.h"
 
 namespace {
 
 constexpr uint64_t EPOCH = 0x2Aull << 48;
+constexpr uint64_t NEXT_EPOCH = 0x2Bull << 48;
 constexpr uint64_t WRAP = 1ull << 32;
+constexpr uint64_t S = 1000000; // one second in us
+constexpr uint64_t HOURS_3 = 3 * 3600 * S;
 
-TEST(TranslatorXtime, InitialBaseHasNonZeroEpochAndNoCounter) {
+TEST(TranslatorXtime, Observe) {
     struct {
+        const char *fault;
+        bridge_xtime_state before;
+        uint64_t counter; // low 32 bits are what the forwarder reports
+        uint64_t now_us;
+        uint64_t xtime;
+        bridge_xtime_change change;
+        uint64_t base_after;
+    } rows[] = {
+        {"first observation (tmst or count) does not synchronise", {EPOCH, 0, false}, 1000, 5, EPOCH | 1000,
+         BRIDGE_XTIME_SYNCED, EPOCH | 1000},
+        {"count-reporting forwarder: xtime no longer base + tmst delta", {EPOCH | S, 0, true}, S + S / 2, S / 2,
+         EPOCH | (S + S / 2), BRIDGE_XTIME_IN_STEP, EPOCH | (S + S / 2)},
+        {"packet older than the last observation moves the base back or jumps", {EPOCH | S, 0, true}, S - 100000,
+         0, EPOCH | (S - 100000), BRIDGE_XTIME_IN_STEP, EPOCH | S},
+        {"queued packet 9 s behind the clock starts a new epoch", {EPOCH | S, 0, true}, S, 9 * S, EPOCH | S,
+         BRIDGE_XTIME_IN_STEP, EPOCH | S},
+        {"wrap between observations not carried into bit 32", {EPOCH | (WRAP - 256), 0, true}, 5, 261,
+         EPOCH + WRAP + 5, BRIDGE_XTIME_IN_STEP, EPOCH + WRAP + 5},
+        {"carry of earlier wraps lost", {EPOCH + 2 * WRAP + 100, 7, true}, 200, 107, EPOCH + 2 * WRAP + 200,
+         BRIDGE_XTIME_IN_STEP, EPOCH + 2 * WRAP + 200},
+        {"3 h of silence lands in the wrong 2^32 period", {EPOCH | 1000, 0, true}, (1000 + HOURS_3) % WRAP,
+         HOURS_3, EPOCH + 1000 + HOURS_3, BRIDGE_XTIME_IN_STEP, EPOCH + 1000 + HOURS_3},
+        {"3 h of silence with 2 s of clock drift", {EPOCH | 1000, 0, true}, (1000 + HOURS_3 + 2 * S) % WRAP,
+         HOURS_3, EPOCH + 1000 + HOURS_3 + 2 * S, BRIDGE_XTIME_IN_STEP, EPOCH + 1000 + HOURS_3 + 2 * S},
+        {"forwarder restart (counter from 0 again) keeps the old epoch", {EPOCH | 3000000000u, 0, true}, 2 * S,
+         60 * S, NEXT_EPOCH | 2 * S, BRIDGE_XTIME_JUMPED, NEXT_EPOCH | 2 * S},
+        {"counter 6 s ahead of the clock taken as in step", {EPOCH | S, 0, true}, 7 * S, 0, NEXT_EPOCH | 7 * S,
+         BRIDGE_XTIME_JUMPED, NEXT_EPOCH | 7 * S},
+        {"counter 11 s behind the clock taken as in step", {EPOCH | 20 * S, 0, true}, 9 * S, 0,
+         NEXT_EPOCH | 9 * S, BRIDGE_XTIME_JUMPED, NEXT_EPOCH | 9 * S},
+        {"epoch after 255 is 0", {0xFFull << 48 | 1000, 0, true}, 500, 3600 * S, 1ull << 48 | 500,
+         BRIDGE_XTIME_JUMPED, 1ull << 48 | 500},
+        {"48-bit counter overflows into the epoch after 8.9 years",
+         {EPOCH | (BRIDGE_XTIME_COUNTER_MASK - 100), 0, true}, (BRIDGE_XTIME_COUNTER_MASK + 900) % WRAP, 1000,
+         NEXT_EPOCH | ((BRIDGE_XTIME_COUNTER_MASK + 900) % WRAP), BRIDGE_XTIME_JUMPED,
+         NEXT_EPOCH | ((BRIDGE_XTIME_COUNTER_MASK + 900) % WRAP)},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.fault);
+        bridge_xtime_state s = r.before;
+        const bridge_xtime_step step = bridge_xtime_observe(&s, static_cast<int64_t>(r.counter), r.now_us);
+        EXPECT_EQ(static_cast<uint64_t>(step.xtime), r.xtime);
+        EXPECT_EQ(step.change, r.change);
+        EXPECT_EQ(s.base, r.base_after);
+        EXPECT_TRUE(s.synced);
+        EXPECT_EQ(static_cast<uint32_t>(step.xtime), static_cast<uint32_t>(r.counter)) << "low word is tmst";
+    }
+}
+
+TEST(TranslatorXtime, EpochNumbers) {
+    struct {
+        const char *fault;
         int draw;
         uint64_t base;
-    } rows[] = {
-        {0, 1ull << 48},           // a draw of 0 becomes epoch 1
-        {1, 1ull << 48},
-        {0xFF, 0xFFull << 48},
-        {0x100, 1ull << 48},       // only the low 8 bits count
-        {0x12345, 0x45ull << 48},
+    } draws[] = {
+        {"a draw of 0 gives epoch 0 (xtime 0 is the error value)", 0, 1ull << 48},
+        {"bits above the low 8 leak into the epoch", 0x12345, 0x45ull << 48},
     };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(r.draw);
+    for (const auto &r : draws) {
+        SCOPED_TRACE(r.fault);
         EXPECT_EQ(bridge_xtime_initial_base(r.draw), r.base);
-        EXPECT_FALSE(bridge_xtime_is_synced(r.base));
     }
+    EXPECT_EQ(bridge_xtime_next_epoch(255), 1u) << "epoch after 255 must skip 0";
+    EXPECT_EQ(bridge_xtime_next_epoch(41), 42u) << "a new epoch must differ from the old one";
 }
 
-TEST(TranslatorXtime, InitLogsNewBaseAndIsUnsynchronised) {
-    bridge_log_init(BRIDGE_LOG_INFO, true);
-    bridge_bstn_xtime_set_base(static_cast<int64_t>(EPOCH | 12345));
-    kes_test::StderrCapture cap;
-    EXPECT_EQ(bridge_bstn_xtime_init(), 0);
-    std::string log = cap.stop();
-    const uint64_t base = static_cast<uint64_t>(bridge_bstn_xtime_base());
-    EXPECT_FALSE(bridge_xtime_is_synced(base));
-    EXPECT_NE(base >> 48, 0u);
-    EXPECT_LE(base >> 48, 0xFFu);
-    EXPECT_NE(log.find("bstn xtime init to: " + std::to_string(base)), std::string::npos) << log;
-}
-
-TEST(TranslatorXtime, SyncFromCount) {
+TEST(TranslatorXtime, DownlinkTime) {
     struct {
-        const char *what;
-        uint64_t base;
-        int64_t count;
-        uint64_t expected;
-        bool rolled_over;
-    } rows[] = {
-        {"count 0 leaves unsynchronised base", EPOCH, 0, EPOCH, false},
-        {"count 0 leaves synced base", EPOCH | 77, 0, EPOCH | 77, false},
-        {"first sync adds count", EPOCH, 1000, EPOCH | 1000, false},
-        {"first sync adds a full 32-bit count", EPOCH, 0xFFFFFFF0, EPOCH | 0xFFFFFFF0, false},
-        {"forward step", EPOCH | 1000, 5000, EPOCH | 5000, false},
-        {"wrap carries into bit 32", EPOCH | (WRAP - 16), 16, EPOCH + WRAP + 16, false},
-        {"equal count keeps base", EPOCH | 5000, 5000, EPOCH | 5000, false},
-        {"count behind: roll over adds 2^32 + d", EPOCH | 5000, 1000, EPOCH + WRAP + 1000, true},
-        {"second period keeps its carry", EPOCH + 3 * WRAP + 10, 20, EPOCH + 3 * WRAP + 20, false},
-        {"only the low word of count matters", EPOCH | 1000, (7ll << 32) | 2000, EPOCH | 2000, false},
-    };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(r.what);
-        EXPECT_EQ(bridge_xtime_sync(r.base, r.count), r.expected);
-        EXPECT_EQ(bridge_xtime_count_rolled_over(r.base, r.count), r.rolled_over);
-    }
-}
-
-TEST(TranslatorXtime, UplinkTmstToXtime) {
-    struct {
-        const char *what;
-        uint64_t base;
-        int64_t tmst;
+        const char *fault;
         int64_t xtime;
-    } rows[] = {
-        {"after the base", EPOCH | 1000000, 1500000, static_cast<int64_t>(EPOCH | 1500000)},
-        {"exactly 100 ms before", EPOCH | 1000000, 900000, static_cast<int64_t>(EPOCH | 900000)},
-        {"one us more than 100 ms before", EPOCH | 1000000, 899999, 0},
-        {"counter wrapped after the last count", EPOCH | (WRAP - 256), 5, static_cast<int64_t>(EPOCH + WRAP + 5)},
-        {"uses the carry of the base", EPOCH + 2 * WRAP + 100, 200, static_cast<int64_t>(EPOCH + 2 * WRAP + 200)},
-        {"just before the base across a wrap", EPOCH + WRAP + 10, WRAP - 10,
-         static_cast<int64_t>(EPOCH + WRAP - 10)},
-        {"low 32 bits of tmst only", EPOCH | 1000, (1ll << 32) | 3000, static_cast<int64_t>(EPOCH | 3000)},
-        {"2^31 - 1 ahead still forward", EPOCH | 0, 0x7FFFFFFF, static_cast<int64_t>(EPOCH | 0x7FFFFFFF)},
-    };
-    for (const auto &r : rows) {
-        SCOPED_TRACE(r.what);
-        int64_t x = bridge_xtime_from_tmst(r.base, r.tmst);
-        EXPECT_EQ(x, r.xtime);
-        if (x != 0) {
-            EXPECT_EQ(static_cast<uint32_t>(x), static_cast<uint32_t>(r.tmst));
-        }
-    }
-}
-
-TEST(TranslatorXtime, DownlinkXtimeToTmst) {
-    struct {
-        int64_t xtime;
-        int64_t delay;
+        int64_t rx_delay;
         uint32_t tmst;
     } rows[] = {
-        {1000, 1000000, 1001000},
-        {static_cast<int64_t>(EPOCH | (WRAP - 500000)), 1000000, 500000},
-        {static_cast<int64_t>(EPOCH + 5 * WRAP + 42), 0, 42},
-        {static_cast<int64_t>(EPOCH | 0xFFFFFFFF), 2000000, 1999999},
+        {"delay not added", 1000, 1, 1001000},
+        {"RxDelay 0 sent at once instead of after 1 s, unlike dntxed", 1000, 0, 1001000},
+        {"RxDelay taken as microseconds", 1000, 5, 5001000},
+        {"epoch or wraps leak into tmst", static_cast<int64_t>(EPOCH | (WRAP - 500000)), 1, 500000},
     };
     for (const auto &r : rows) {
-        SCOPED_TRACE(r.xtime);
-        EXPECT_EQ(bridge_xtime_to_tmst(r.xtime, r.delay), r.tmst);
+        SCOPED_TRACE(r.fault);
+        EXPECT_EQ(bridge_xtime_to_tmst(r.xtime, bridge_rx_delay_us(r.rx_delay)), r.tmst);
     }
-}
-
-// ---- statistics translator ---------------------------------------------------
-
-struct StatResult {
-    int rc;
-    uint64_t base;
-    std::string log;
-    std::string out;
-};
-
-StatResult apply_stat(uint32_t version, uint64_t base, const char *stat_json) {
-    bridge_log_init(BRIDGE_LOG_TRACE, true);
-    bridge_bstn_xtime_set_base(static_cast<int64_t>(base));
-    bridge_json_ptr stat(json_tokener_parse(stat_json));
-    bridge_json_ptr out(json_object_new_object());
-    EXPECT_NE(stat, nullptr);
-    bridge_translate_msg from{};
-    kes_test::StderrCapture cap;
-    int rc = version == 1 ? bridge_translate_stat_semtech_v1_to_bstn_v1(&from, stat.get(), out.get())
-                          : bridge_translate_stat_semtech_v2_to_bstn_v1(&from, stat.get(), out.get());
-    std::string log = cap.stop();
-    bridge_log_init(BRIDGE_LOG_ERROR, true);
-    return {rc, static_cast<uint64_t>(bridge_bstn_xtime_base()), log, json_object_to_json_string(out.get())};
-}
-
-bool has(const std::string &log, const std::string &text) {
-    return log.find(text) != std::string::npos;
-}
-
-TEST(TranslatorStat, CountDrivesTheBaseForBothVersions) {
-    const std::string no_count = "No count value, please configure pkt fwd to report count!";
-    struct {
-        const char *stat;
-        uint64_t base;
-        uint64_t expected;
-        bool no_count_msg;
-        bool rollover_msg;
-    } rows[] = {
-        {R"({"time":"2024-01-01 00:00:00 GMT","rxnb":1})", EPOCH, EPOCH, true, false},
-        {R"({"count":0})", EPOCH, EPOCH, true, false},
-        {R"({"count":"abc"})", EPOCH, EPOCH, true, false},
-        {R"({"count":null})", EPOCH | 5, EPOCH | 5, true, false},
-        {R"({"count":123456})", EPOCH, EPOCH | 123456, false, false},
-        {R"({"count":16})", EPOCH | (WRAP - 16), EPOCH + WRAP + 16, false, false},
-        {R"({"count":1000})", EPOCH | 5000, EPOCH + WRAP + 1000, false, true},
-        {R"({"count":5000})", EPOCH | 5000, EPOCH | 5000, false, false},
-    };
-    for (uint32_t version : {1u, 2u}) {
-        for (const auto &r : rows) {
-            SCOPED_TRACE(std::string(r.stat) + " v" + std::to_string(version));
-            StatResult res = apply_stat(version, r.base, r.stat);
-            EXPECT_EQ(res.rc, 0);
-            EXPECT_EQ(res.base, r.expected);
-            EXPECT_EQ(res.out, "{ }");
-            EXPECT_EQ(has(res.log, no_count), r.no_count_msg) << res.log;
-            EXPECT_EQ(has(res.log, "bstn xtime base updated: " + std::to_string(r.expected)), !r.no_count_msg)
-                << res.log;
-            EXPECT_EQ(has(res.log, "Gateway count roll over, count: "), r.rollover_msg) << res.log;
-        }
-    }
-}
-
-TEST(TranslatorStat, RollOverMessageShowsCountAndMaskedBase) {
-    StatResult res = apply_stat(1, EPOCH + 2 * WRAP + 5000, R"({"count":1000})");
-    EXPECT_EQ(res.base, EPOCH + 3 * WRAP + 1000);
-    std::string expect = "Gateway count roll over, count: 1000, base: " + std::to_string(2 * WRAP + 5000);
-    EXPECT_TRUE(has(res.log, expect)) << res.log;
 }
 
 } // namespace

@@ -1,34 +1,44 @@
 #!/usr/bin/env bash
-# Makes a private armhf (32-bit ARM, hard float) sysroot from Debian's armhf
-# packages, for cross-building the bridge and running it under qemu-arm.
+# Makes a private sysroot for one ARM gateway architecture from Debian's
+# packages of that architecture, for cross-building the bridge and running it
+# under qemu user-mode emulation.
 #
-# Usage: scripts/armhf_sysroot.sh [SYSROOT]
-#   SYSROOT defaults to $KES_ARMHF_SYSROOT, else <repo>/build-armhf-sysroot.
+# Usage: scripts/cross_sysroot.sh armhf|arm64 [SYSROOT]
+#   armhf   32-bit ARM, hard float (older gateways)
+#   arm64   64-bit ARM (most new gateways)
+#   SYSROOT defaults to $KES_CROSS_SYSROOT, else <repo>/build-<arch>-sysroot.
 #
 # The packages are fetched with apt-get, but with an apt state, cache and
-# status file of their own (SYSROOT.apt/) restricted to armhf, and unpacked
-# with `dpkg -x`: the host's dpkg database and its sources are never changed.
-# Multiarch (:armhf -dev packages beside the amd64 ones) is not used because
-# several of them are not co-installable on bookworm.
+# status file of their own (SYSROOT.apt/) restricted to the one architecture,
+# and unpacked with `dpkg -x`: the host's dpkg database and its sources are
+# never changed. Multiarch (:armhf or :arm64 -dev packages beside the amd64
+# ones) is not used because several of them are not co-installable on
+# bookworm.
 # A stamp records the package list; a second run with the same list does
 # nothing. Delete SYSROOT (and SYSROOT.apt) to rebuild it.
 set -euo pipefail
 
+usage() { echo "usage: $0 armhf|arm64 [SYSROOT]" >&2; exit 64; }
+[ $# -ge 1 ] || usage
+arch=$1
+case "$arch" in armhf|arm64) ;; *) usage ;; esac
+
 repo=$(cd "$(dirname "$0")/.." && pwd)
-sysroot=${1:-${KES_ARMHF_SYSROOT:-$repo/build-armhf-sysroot}}
+sysroot=${2:-${KES_CROSS_SYSROOT:-$repo/build-$arch-sysroot}}
 mkdir -p "$sysroot"
 sysroot=$(cd "$sysroot" && pwd)
 state=$sysroot.apt
 
 # What the daemon and its unit tests link against; apt adds the runtime
-# libraries (libjson-c5, libwebsockets17, ...) that qemu-arm needs.
+# libraries (libjson-c5, libwebsockets17, libsystemd0, ...) that qemu needs.
 pkgs=(libc6-dev libstdc++-12-dev
       libjson-c-dev libwebsockets-dev libcurl4-openssl-dev libssl-dev
-      liburiparser-dev libtomlplusplus-dev libgtest-dev libgmock-dev)
+      liburiparser-dev libtomlplusplus-dev libsystemd-dev
+      libgtest-dev libgmock-dev)
 
 stamp=$sysroot/.kes-sysroot
-if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "${pkgs[*]}" ]; then
-  echo "armhf sysroot is up to date: $sysroot"
+if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$arch: ${pkgs[*]}" ]; then
+  echo "$arch sysroot is up to date: $sysroot"
   exit 0
 fi
 
@@ -38,12 +48,12 @@ apt_opts=(
   -o "Dir::State=$state/state"
   -o "Dir::State::status=$state/status"
   -o "Dir::Cache=$state/cache"
-  -o "APT::Architecture=armhf"
-  -o "APT::Architectures::=armhf"
+  -o "APT::Architecture=$arch"
+  -o "APT::Architectures::=$arch"
   -o "APT::Get::List-Cleanup=0"
 )
 
-echo "fetching armhf package indexes (private apt state in $state)" >&2
+echo "fetching $arch package indexes (private apt state in $state)" >&2
 # One unreachable index makes update exit 100 although the rest is usable;
 # the download below fails clearly if something is really missing.
 apt-get "${apt_opts[@]}" -qq update || echo "apt-get update reported errors; going on with the indexes it fetched" >&2
@@ -65,5 +75,5 @@ while IFS= read -r -d '' link; do
   ln -sfn "$rel" "$link"
 done < <(find "$sysroot" -type l -lname '/*' -print0)
 
-printf '%s' "${pkgs[*]}" > "$stamp"
-echo "armhf sysroot ready: $sysroot" >&2
+printf '%s' "$arch: ${pkgs[*]}" > "$stamp"
+echo "$arch sysroot ready: $sysroot" >&2
