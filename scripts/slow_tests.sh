@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Slow fault tests (tests/slow/test_*.py): recovery through the real 20-second restart, LNS
-# stalls up to the 120 s exchange bound, CUPS faults that end a pass, a read-only credential
-# directory, a trickling CUPS answer abandoned by the real 60 s low-speed limit. Not part of the
+# Slow fault tests (tests/slow/test_*.py): recovery through the real 20-second restart and the
+# 10-second retry pause, CUPS faults that end a pass, a read-only credential directory, a
+# trickling CUPS answer abandoned by the real 60 s low-speed limit. Not part of the
 # default CTest run; about 7 minutes. Needs root (a bind mount).
 #
 #   scripts/slow_tests.sh                         # build (build-slow) and run all
-#   BUILD_DIR=build scripts/slow_tests.sh test_slow_lns_stall.py
+#   BUILD_DIR=build scripts/slow_tests.sh test_slow_lns_recovery.py
 # Exit status 1 when any test fails.
 set -uo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"

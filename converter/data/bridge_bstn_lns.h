@@ -18,7 +18,7 @@ int bridge_bstn_lns_start();
 void bridge_bstn_lns_stop();
 void bridge_bstn_lns_downlink_subscribe(bridge_bstn_lns_downlink_cb cb, void *arg);
 void bridge_bstn_lns_downlink_unsubscribe();
-// Queues a jreq/updf for the LNS (DR text -> table index, RefTime added). 0 when queued, and
-// also when refused because no session is up or the data rate is unknown (those refusals are
-// counted here as lns_refused); -1 when the queue is full or a JSON value cannot be made.
+// Queues a jreq/updf for the LNS (DR text -> table index, RefTime added). 0 when queued; 1 when
+// refused because no session is up or the data rate is unknown (counted here as lns_refused);
+// -1 when the queue is full or a JSON value cannot be made.
 int bridge_bstn_lns_uplink_push(json_object *lns_uplink);

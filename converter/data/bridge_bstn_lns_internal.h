@@ -174,8 +174,6 @@ enum lns_dn_verdict : unsigned {
 // Class A takes RX2 when offered (one second after RX1), class C RX1 first, class B its own
 // DR and Freq; the chosen DR must index the `drs_count` data rates.
 lns_dn_verdict lns_choose_window(const lns_dn_request &rq, int32_t drs_count, lns_dn_window *out);
-// RX1 delay in microseconds; RxDelay 0 means 1 s, as in LoRaWAN.
-int64_t lns_rx_delay_us(int64_t rx_delay);
 // MuxTime seconds as milliseconds; 0 when not positive or beyond 64 bits.
 uint64_t lns_muxtime_ms(double seconds);
 // RefTime of an uplink at local `now_ms`: the MuxTime advanced by the time since it came.

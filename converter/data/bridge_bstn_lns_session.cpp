@@ -1,5 +1,6 @@
 // LNS client: station session (version, router_config, dnmsg, timesync, dntxed) and uplink push.
 #include "converter/data/bridge_bstn_lns_internal.h"
+#include "converter/data/bridge_translator.h"
 
 #include "common/bridge_bstn_config.h"
 #include "common/bridge_health.h"
@@ -115,19 +116,13 @@ double lns_reftime_s(uint64_t muxtime_ms, uint64_t reftime_ms, uint64_t now_ms) 
     return static_cast<double>(muxtime_ms + now_ms - reftime_ms) / 1000.0;
 }
 
-int64_t lns_rx_delay_us(int64_t rx_delay) {
-    // Wrapping arithmetic: the LNS's numbers are untrusted, absurd values stay defined.
-    return static_cast<int64_t>(static_cast<uint64_t>(rx_delay == 0 ? 1 : rx_delay) *
-                                static_cast<uint64_t>(LNS_US_PER_S));
-}
-
 lns_dn_verdict lns_choose_window(const lns_dn_request &rq, int32_t drs_count, lns_dn_window *out) {
     auto wrap_add = [](int64_t a, int64_t b) {
         return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
     };
     if (rq.xtime == -1 && rq.gpstime == -1) return LNS_DN_NO_TIME;
     lns_dn_window w{rq.dr, rq.freq, rq.gpstime};
-    if (rq.xtime != -1) w.tx_time = wrap_add(rq.xtime, lns_rx_delay_us(rq.rx_delay));
+    if (rq.xtime != -1) w.tx_time = wrap_add(rq.xtime, bridge_rx_delay_us(rq.rx_delay));
     const bool rx1 = rq.rx1_dr != -1 && rq.rx1_freq != -1;
     const bool rx2 = rq.rx2_dr != -1 && rq.rx2_freq != -1;
     switch (rq.dc) {
@@ -410,12 +405,12 @@ void bridge_bstn_lns_downlink_unsubscribe() {
 
 int bridge_bstn_lns_uplink_push(json_object *lns_uplink) {
     BRIDGE_ASSERT(lns_uplink);
-    // Refusals return 0 (the dataplane treats them as done) and are counted here, where they
-    // are known; a full queue returns -1 for the dataplane to count.
+    // Refusals return 1 and are counted here, where their cause is known; a full queue
+    // returns -1 for the dataplane to count.
     if (!lns.inited) {
         LOG_DEBUG("LNS service is in transition state, skipping uplink...");
         bridge_health_count(BRIDGE_CNT_UP_DROP_LNS);
-        return 0;
+        return 1;
     }
     json_object *dr_obj = nullptr;
     bool rc = json_object_object_get_ex(lns_uplink, "DR", &dr_obj);
@@ -428,7 +423,7 @@ int bridge_bstn_lns_uplink_push(json_object *lns_uplink) {
     if (sscanf(bw_sf_str, "SF%dBW%d", &sf, &bw) != 2) {
         LOG_ERROR_LIMITED("invalid SF/BW string: %s", bw_sf_str);
         bridge_health_count(BRIDGE_CNT_UP_DROP_LNS);
-        return 0;
+        return 1;
     }
 
     lns_lock_guard guard(&lns);
@@ -443,13 +438,13 @@ int bridge_bstn_lns_uplink_push(json_object *lns_uplink) {
     if (lns.lws_conn == NULL) {
         LOG_DEBUG("LNS service is initialized, but connection is not yet established, skipping uplink...");
         bridge_health_count(BRIDGE_CNT_UP_DROP_LNS);
-        return 0;
+        return 1;
     }
     if (index < 0) {
         LOG_ERROR_LIMITED("no matching DR found for SF [%#x] and BW [%#x]", static_cast<unsigned>(sf),
                   static_cast<unsigned>(bw));
         bridge_health_count(BRIDGE_CNT_UP_DROP_LNS);
-        return 0;
+        return 1;
     }
     json_object *dr_idx = json_object_new_int(index);
     if (!dr_idx) {

@@ -161,14 +161,16 @@ int dataplane_handle_rxpk(uint32_t version, const uint8_t *eui, json_object *rxp
             bridge_health_count(BRIDGE_CNT_UP_DROP_INVALID);
             continue;
         }
-        if (bridge_bstn_lns_uplink_push(out.get()) < 0) {
+        const int pushed = bridge_bstn_lns_uplink_push(out.get());
+        if (pushed < 0) {
             LOG_ERROR_LIMITED("failed to send message to LNS");
             bridge_health_count(BRIDGE_CNT_UP_DROP_LNS, static_cast<uint32_t>(count - i));
             BRIDGE_ASSERT(converter_ctx.cb);
             converter_ctx.cb(0, converter_ctx.cb_arg);
             return -1;
         }
-        dataplane_uplink_forwarded();
+        if (pushed == 0) // a refusal (1) was counted by the LNS client
+            dataplane_uplink_forwarded();
     }
     return 0;
 }
