@@ -1,6 +1,8 @@
 // Table-driven codec between json-c objects and program variables.
 #include "common/bridge_json_helpers.h"
 
+#include "common/bridge_health.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -35,13 +37,22 @@ bool bool_convertible(json_object *value) {
     return t != json_type_object && t != json_type_array;
 }
 
+// A bad mandatory field repeats with every bad datagram: WARN through the repeat limiter (one per
+// call site), optional ones at TRACE. Both name the field.
+#define FIELD_LOG(fld, text)                                                       \
+    do {                                                                           \
+        if ((fld)->optional)                                                       \
+            LOG_TRACE(text ": %s", (fld)->name);                                   \
+        else                                                                       \
+            LOG_WARN_LIMITED(text ": %s", (fld)->name);                            \
+    } while (0)
+
 int read_field(json_object *obj, const bridge_json_field *fld) {
-    const unsigned lvl = fld->optional ? BRIDGE_LOG_TRACE : BRIDGE_LOG_WARN;
     json_object *value = nullptr;
     const bool found = json_object_object_get_ex(obj, fld->name, &value);
     // A JSON null for a nested object carries no members: treat it as absent.
     if (!found || (fld->type == json_type_object && value == nullptr)) {
-        BRIDGE_LOG(lvl, "unable to retrieve field");
+        FIELD_LOG(fld, "unable to retrieve field");
         return fld->optional ? 0 : -1;
     }
 
@@ -50,7 +61,7 @@ int read_field(json_object *obj, const bridge_json_field *fld) {
         const bool ok = bool_convertible(value);
         *static_cast<bool *>(fld->ptr) = ok && json_object_get_boolean(value) != 0;
         if (!ok) {
-            BRIDGE_LOG(lvl, "unable to fetch integer");
+            FIELD_LOG(fld, "unable to fetch integer");
             return -1;
         }
         return 0;
@@ -59,7 +70,7 @@ int read_field(json_object *obj, const bridge_json_field *fld) {
         errno = 0;
         *static_cast<double *>(fld->ptr) = json_object_get_double(value);
         if (errno == EINVAL) {
-            BRIDGE_LOG(lvl, "unable to fetch double");
+            FIELD_LOG(fld, "unable to fetch double");
             return -1;
         }
         return 0;
@@ -67,7 +78,7 @@ int read_field(json_object *obj, const bridge_json_field *fld) {
         const bool ok = int_convertible(value);
         *static_cast<int64_t *>(fld->ptr) = ok ? json_object_get_int64(value) : 0;
         if (!ok) {
-            BRIDGE_LOG(lvl, "unable to fetch integer");
+            FIELD_LOG(fld, "unable to fetch integer");
             return -1;
         }
         return 0;
@@ -79,12 +90,12 @@ int read_field(json_object *obj, const bridge_json_field *fld) {
     case json_type_string: {
         const char *text = json_object_get_string(value);
         if (!text) {
-            BRIDGE_LOG(lvl, "unable to fetch string");
+            FIELD_LOG(fld, "unable to fetch string");
             return -1;
         }
         const size_t len = strlen(text);
         if (len >= fld->size) {
-            LOG_WARN("not enough space for incoming string");
+            LOG_WARN_LIMITED("not enough space for incoming string: %s", fld->name);
             return -1;
         }
         memcpy(fld->ptr, text, len);
