@@ -4,7 +4,7 @@
 One rxpk per PUSH_DATA. Measures, through the whole path (UDP, translation, data-rate lookup, uplink
 ring, TLS WebSocket):
   * latency PUSH_DATA sent -> uplink received by the LNS (p50/p99/max) at 100 and 1,000 uplinks/s;
-  * a burst of 200 back-to-back PUSH_DATA;
+  * bursts of 64 and 200 back-to-back PUSH_DATA;
   * sustained zero-loss at 5,000 uplinks/s for 30 s, and the highest zero-loss rate found;
   * the daemon's peak RSS (VmHWM) and CPU seconds per 1,000 uplinks (/proc/PID/stat).
 
@@ -335,6 +335,7 @@ def run_driver(args):
     try:
         low = b.phase("latency 100/s", 100, 100 * args.latency_seconds)
         mid = b.phase("latency 1000/s", 1000, 1000 * args.latency_seconds)
+        burst64 = b.phase("burst 64", 0, 64)
         burst = b.phase("burst 200", 0, 200)
         found = 0
         for rate in args.search:
@@ -357,6 +358,9 @@ def run_driver(args):
          "%d of %d lost, %d not acknowledged, achieved %.0f/s" % (sustained["lost"], sustained["sent"],
                                                                   sustained["sent"] - sustained["acks"],
                                                                   sustained["achieved"])),
+        ("burst of 64: all acknowledged, all at the LNS",
+         burst64["lost"] == 0 and burst64["acks"] == burst64["sent"],
+         "%d of %d arrived, %d acknowledged" % (burst64["arrived"], burst64["sent"], burst64["acks"])),
         ("p99 < 2 ms at 100/s", low["p99"] < 2.0, "p99 %.2f ms (p50 %.2f, max %.2f)" % (low["p99"], low["p50"], low["max"])),
         ("peak RSS < 8 MB", peak < 8 * 1024, "VmHWM %d kB; at the end RssAnon %d kB (private), RssFile %d kB "
          "(shared libraries): %s" % (peak, sustained["rss"]["RssAnon"], sustained["rss"]["RssFile"],
