@@ -113,6 +113,7 @@ failed_names() {
 declare -A base_ok base_secs
 echo "== unmutated tree: the selected tests of every mutant"
 while IFS=$'\x1f' read -r -u 3 id file orig repl regex; do
+  [ -n "$id" ] || continue
   [ -n "${base_ok[$regex]+x}" ] && continue
   base_ok[$regex]=1
   selected=""
@@ -143,6 +144,7 @@ trap restore EXIT
 killed=0 survived=0 invalid=0
 echo "== mutants"
 while IFS=$'\x1f' read -r -u 3 id file orig repl regex; do
+  [ -n "$id" ] || continue
   log=$logs/$id.log
   : >"$log"
   if [ "${base_ok[$regex]}" != 1 ]; then
