@@ -6,7 +6,7 @@
 #
 #   scripts/mutants.sh [-j N] [PATTERN]
 #     -j N      run N tests at once (ctest -j; default 1)
-#     PATTERN   run only the mutants whose id matches this extended regular expression
+#     PATTERN   run only the mutants whose id matches this regular expression (Python's re.search)
 #
 # A mutant is one line of scripts/mutants.list:
 #   id @@ file @@ original text @@ replacement @@ ctest regex
@@ -34,6 +34,21 @@ logs=$scratch/logs
 py=/usr/bin/python3
 started=$(date +%s)
 mkdir -p "$src" "$logs"
+
+# Mutant fields, one record per line, separated by a unit separator (0x1f) for the shell.
+mutants=$("$py" - "$list" "$pattern" <<'EOF'
+import re, sys
+path, pattern = sys.argv[1], sys.argv[2]
+for n, line in enumerate(open(path, encoding="utf-8"), 1):
+    if not line.strip() or line.lstrip().startswith("#"):
+        continue
+    f = [x.strip() for x in line.rstrip("\n").split("@@")]
+    if len(f) != 5 or not f[0] or not f[1] or not f[2] or not f[4]:
+        sys.exit("%s:%d: expected 'id @@ file @@ original @@ replacement @@ regex'" % (path, n))
+    if re.search(pattern, f[0]):
+        print("\x1f".join(f))
+EOF
+) || exit 2
 
 # The scratch copy is refreshed file by file: unchanged files keep their time stamps, so a
 # second run rebuilds only what changed since the first.
@@ -63,21 +78,6 @@ if ! { nice cmake -S "$src" -B "$bld" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKES_BU
   echo "build of the unmutated tree failed: $logs/build.log" >&2
   exit 2
 fi
-
-# Mutant fields, one record per line, separated by a unit separator (0x1f) for the shell.
-mutants=$("$py" - "$list" "$pattern" <<'EOF'
-import re, sys
-path, pattern = sys.argv[1], sys.argv[2]
-for n, line in enumerate(open(path, encoding="utf-8"), 1):
-    if not line.strip() or line.lstrip().startswith("#"):
-        continue
-    f = [x.strip() for x in line.rstrip("\n").split("@@")]
-    if len(f) != 5 or not f[0] or not f[1] or not f[2] or not f[4]:
-        sys.exit("%s:%d: expected 'id @@ file @@ original @@ replacement @@ regex'" % (path, n))
-    if re.search(pattern, f[0]):
-        print("\x1f".join(f))
-EOF
-) || exit 2
 
 # Each mutant runs in two stages: the C++ tests, then the end-to-end tests (label e2e), which
 # need the daemon. A mutant killed in the first stage costs neither the daemon's build nor the
