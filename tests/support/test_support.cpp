@@ -118,8 +118,8 @@ void point_credentials_at(const std::string &dir) {
     *cfg = bridge_cfg_root{};
     for (auto [s, prefix] : {std::pair{&cfg->cups, dir + "/cups_"}, std::pair{&cfg->lns, dir + "/lns_"}}) {
         for (auto [field, name] : {std::pair{s->uri, "uri"}, {s->uri_backup, "uri_backup"}, {s->trust, "trust"},
-                                   {s->trust_backup, "trust_backup"}, {s->cert, "cert"}, {s->cert_backup, "cert_backup"},
-                                   {s->key, "key"}, {s->key_backup, "key_backup"}})
+                                   {s->trust_backup, "trust_backup"}, {s->cert, "cert"},
+                                   {s->cert_backup, "cert_backup"}, {s->key, "key"}, {s->key_backup, "key_backup"}})
             snprintf(field, BRIDGE_CFG_STR_SZ, "%s", (prefix + name).c_str());
     }
 }

@@ -30,7 +30,7 @@ TEST(SupervisorTest, StartsInOrderAndUndoesOnlyWhatStartedNewestFirst) {
         {"discovery", true, "discovery ", "LNS context stopped twice after a failed discovery"},
         {"dp_init", true, "discovery dp_init lns_stop ", "LNS context leaked"},
         {"dp_start", true, "discovery dp_init dp_start dp_deinit lns_stop ", "dataplane leaked"},
-        {"dp_connect", true, "discovery dp_init dp_start dp_connect dp_stop dp_deinit lns_stop ", "server left running"},
+        {"dp_connect", true, "discovery dp_init dp_start dp_connect dp_stop dp_deinit lns_stop ", "server left up"},
     };
     for (const auto &r : rows) {
         calls.clear();

@@ -65,7 +65,8 @@ TEST(Base64Test, RoundTripsEveryLengthWithAndWithoutPadding) {
         std::string data(len, 0);
         for (size_t i = 0; i < len; i++) data[i] = static_cast<char>(i * 131 + len * 7 + 3);
         std::vector<char> text(static_cast<size_t>(Base64encode_len(static_cast<int>(len))));
-        EXPECT_EQ(Base64encode(text.data(), reinterpret_cast<const unsigned char *>(data.data()), static_cast<int>(len)), static_cast<int>(text.size()));
+        const auto *bytes = reinterpret_cast<const unsigned char *>(data.data());
+        EXPECT_EQ(Base64encode(text.data(), bytes, static_cast<int>(len)), static_cast<int>(text.size()));
         EXPECT_EQ(strlen(text.data()), (len + 2) / 3 * 4) << len;
         EXPECT_EQ(decode(text.data()), data) << len;
         EXPECT_EQ(decode(std::string(text.data(), strcspn(text.data(), "="))), data) << "unpadded, " << len;
