@@ -10,7 +10,7 @@ constexpr int SYS_ERR = LOG_ERR, SYS_WARNING = LOG_WARNING, SYS_INFO = LOG_INFO,
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <regex>
+#include <regex.h>
 
 #include "common/bridge_health.h"
 #include "common/bridge_utils.h"
@@ -40,9 +40,12 @@ TEST(LogTest, LevelFilterLineLayoutErrnoTextAndLongLines) {
     bridge_log_print_message(BRIDGE_LOG_WARN, "/src/dir/module.cpp", 42, fmt.c_str(), big.c_str());
     EXPECT_EQ(errno, ENOENT) << "the caller's errno lost";
     const std::string out = cap.stop();
-    const std::regex line("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d{4} \\[\\d+\\]\\[WARN  \\] "
-                          "module\\.cpp:42 f{2000} No such file or directory y{3000}\n");
-    EXPECT_TRUE(std::regex_match(out, line)) << out.substr(0, 100);
+    regex_t head;
+    ASSERT_EQ(regcomp(&head, "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}[+-][0-9]{4} \\[[0-9]+\\]"
+                             "\\[WARN  \\] module\\.cpp:42 f", REG_EXTENDED | REG_NOSUB), 0);
+    EXPECT_EQ(regexec(&head, out.c_str(), 0, nullptr, 0), 0) << out.substr(0, 100);
+    regfree(&head);
+    EXPECT_TRUE(out.ends_with(" " + fmt.substr(0, 2000) + " No such file or directory " + big + "\n")) << "cut or bad";
 }
 
 TEST(LogTest, RepeatLimiterPrintsTheFirstThenOneAMinuteWithTheHeldBackCount) {
