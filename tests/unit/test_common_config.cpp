@@ -75,7 +75,8 @@ TEST_F(Config, RefusalsNameTheirCause) {
         EXPECT_EQ(load(r.text), r.cause.empty() ? 0 : -1) << r.fault;
         EXPECT_TRUE(contains(log, "[ERROR ]") == !r.cause.empty() && contains(log, r.cause)) << r.fault << log;
     }
-    for (auto [path, why] : {std::pair{dir.file("no"), ": No such file or directory"}, {dir.path(), ": Is a directory"}})
+    for (auto [path, why] : {std::pair{dir.file("no"), ": No such file or directory"}, 
+                             {dir.path(), ": Is a directory"}})
         EXPECT_TRUE(load_path(path) == -1 && contains(log, path + why)) << log;
 }
 

@@ -41,8 +41,8 @@ TEST(LogTest, LevelFilterLineLayoutErrnoTextAndLongLines) {
     EXPECT_EQ(errno, ENOENT) << "the caller's errno lost";
     const std::string out = cap.stop();
     regex_t head;
-    ASSERT_EQ(regcomp(&head, "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}[+-][0-9]{4} \\[[0-9]+\\]"
-                             "\\[WARN  \\] module\\.cpp:42 f", REG_EXTENDED | REG_NOSUB), 0);
+    ASSERT_EQ(regcomp(&head, "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}[+-][0-9]{4} "
+                             "\\[[0-9]+\\]\\[WARN  \\] module\\.cpp:42 f", REG_EXTENDED | REG_NOSUB), 0);
     EXPECT_EQ(regexec(&head, out.c_str(), 0, nullptr, 0), 0) << out.substr(0, 100);
     regfree(&head);
     EXPECT_TRUE(out.ends_with(" " + fmt.substr(0, 2000) + " No such file or directory " + big + "\n")) << "cut or bad";
