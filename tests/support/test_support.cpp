@@ -15,6 +15,16 @@
 
 namespace kes_test {
 
+void write_file(const std::string &path, const std::string &content) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+std::string read_file(const std::string &path) {
+    std::stringstream ss;
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
+    return ss.str();
+}
+bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+
 StderrCapture::StderrCapture() {
     char tmpl[] = "/tmp/kes_stderr_XXXXXX";
     const int fd = mkstemp(tmpl);
@@ -25,19 +35,9 @@ StderrCapture::StderrCapture() {
     dup2(fd, STDERR_FILENO);
     close(fd);
 }
-
-StderrCapture::~StderrCapture() {
-    stop();
-    unlink(path_.c_str());
-}
-
+StderrCapture::~StderrCapture() { stop(), unlink(path_.c_str()); }
 std::string StderrCapture::stop() {
-    if (saved_fd_ >= 0) {
-        fflush(stderr);
-        dup2(saved_fd_, STDERR_FILENO);
-        close(saved_fd_);
-        saved_fd_ = -1;
-    }
+    if (saved_fd_ >= 0) fflush(stderr), dup2(saved_fd_, STDERR_FILENO), close(std::exchange(saved_fd_, -1));
     return read_file(path_);
 }
 
@@ -46,29 +46,14 @@ TempDir::TempDir() {
     if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
     path_ = tmpl;
 }
-
 TempDir::~TempDir() {
     std::error_code ec;
     std::filesystem::remove_all(path_, ec);
 }
 
-void write_file(const std::string &path, const std::string &content) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
-
-std::string read_file(const std::string &path) {
-    std::stringstream ss;
-    ss << std::ifstream(path, std::ios::binary).rdbuf();
-    return ss.str();
-}
-
-bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
-
 std::string Process::start(const std::vector<std::string> &argv, const std::string &ready_prefix, int timeout_ms) {
     int out_pipe[2], in_pipe[2];
-    if (pipe(out_pipe) != 0 || pipe(in_pipe) != 0) throw std::runtime_error("pipe failed");
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pipe(out_pipe) != 0 || pipe(in_pipe) != 0 || (pid_ = fork()) < 0) throw std::runtime_error("pipe/fork failed");
     if (pid_ == 0) {
         dup2(out_pipe[1], STDOUT_FILENO);
         dup2(in_pipe[0], STDIN_FILENO);
@@ -83,33 +68,27 @@ std::string Process::start(const std::vector<std::string> &argv, const std::stri
     close(in_pipe[0]);
     out_fd_ = out_pipe[0];
     in_fd_ = in_pipe[1];
-    for (;;) {
-        const std::string line = read_line(timeout_ms);
-        if (line.empty()) {
-            stop();
-            throw std::runtime_error("peer did not become ready: " + argv.back());
-        }
+    for (std::string line; !(line = read_line(timeout_ms)).empty();)
         if (line.rfind(ready_prefix, 0) == 0) {
             const size_t rest = line.find_first_not_of(' ', ready_prefix.size());
             return rest == std::string::npos ? std::string() : line.substr(rest);
         }
-    }
+    stop();
+    throw std::runtime_error("peer did not become ready: " + argv.back());
 }
 
 std::string Process::read_line(int timeout_ms) {
-    for (;;) {
-        if (const auto nl = pending_.find('\n'); nl != std::string::npos) {
-            std::string line = pending_.substr(0, nl);
-            pending_.erase(0, nl + 1);
-            return line;
-        }
+    size_t nl;
+    while ((nl = pending_.find('\n')) == std::string::npos) {
         pollfd p{out_fd_, POLLIN, 0};
-        if (out_fd_ < 0 || poll(&p, 1, timeout_ms) <= 0) return {};
         char buf[4096];
-        const ssize_t n = read(out_fd_, buf, sizeof buf);
-        if (n <= 0) return {};
+        ssize_t n = 0;
+        if (out_fd_ < 0 || poll(&p, 1, timeout_ms) <= 0 || (n = read(out_fd_, buf, sizeof buf)) <= 0) return {};
         pending_.append(buf, static_cast<size_t>(n));
     }
+    std::string line = pending_.substr(0, nl);
+    pending_.erase(0, nl + 1);
+    return line;
 }
 
 void Process::write_line(const std::string &line) {
@@ -123,10 +102,7 @@ void Process::stop() {
         kill(pid_, SIGTERM);
         bool reaped = false;
         for (int i = 0; i < 50 && !(reaped = waitpid(pid_, nullptr, WNOHANG) == pid_); ++i) usleep(20000);
-        if (!reaped) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
+        if (!reaped && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
     for (int *fd : {&out_fd_, &in_fd_})
@@ -140,16 +116,11 @@ bool make_certs(const std::string &dir) {
 void point_credentials_at(const std::string &dir) {
     bridge_cfg_root *cfg = bridge_config_get_root();
     *cfg = bridge_cfg_root{};
-    for (auto [set, prefix] : {std::pair{&cfg->cups, "cups_"}, std::pair{&cfg->lns, "lns_"}}) {
-        const std::string p = dir + "/" + prefix;
-        set_text(set->uri, p + "uri");
-        set_text(set->uri_backup, p + "uri_backup");
-        set_text(set->trust, p + "trust");
-        set_text(set->trust_backup, p + "trust_backup");
-        set_text(set->cert, p + "cert");
-        set_text(set->cert_backup, p + "cert_backup");
-        set_text(set->key, p + "key");
-        set_text(set->key_backup, p + "key_backup");
+    for (auto [s, prefix] : {std::pair{&cfg->cups, dir + "/cups_"}, std::pair{&cfg->lns, dir + "/lns_"}}) {
+        for (auto [field, name] : {std::pair{s->uri, "uri"}, {s->uri_backup, "uri_backup"}, {s->trust, "trust"},
+                                   {s->trust_backup, "trust_backup"}, {s->cert, "cert"},
+                                   {s->cert_backup, "cert_backup"}, {s->key, "key"}, {s->key_backup, "key_backup"}})
+            snprintf(field, BRIDGE_CFG_STR_SZ, "%s", (prefix + name).c_str());
     }
 }
 
