@@ -45,16 +45,13 @@ def test_stock_forwarder_uplinks_flow_from_the_first_datagram():
 
 
 def test_batch_of_8_mixed_uplinks_arrives_whole():
-    phys, keys = [], []
-    for i in range(fwd_sim.BATCH_MAX):
-        if i % 3 == 0:
-            nonce = (int(time.monotonic() * 1000) + i) & 0xFFFF
-            phys.append(join_request(nonce))
-            keys.append(("jreq", "DevNonce", nonce, {"DevAddr", "FCnt", "FRMPayload"}))
-        else:
-            stack.fcnt += 1
-            phys.append(fwd_sim.data_frame(0x260B1234, stack.fcnt, fport=3, payload=bytes(range(200))))
-            keys.append(("updf", "FCnt", stack.fcnt, {"JoinEui", "DevEui", "DevNonce"}))
+    phys, keys, nonce = [], [], int(time.monotonic() * 1000) & 0x7FFF
+    for i in range(fwd_sim.BATCH_MAX):  # own members: a jreq carries no updf member and the reverse
+        stack.fcnt += 1
+        phys.append(join_request(nonce + i) if i % 3 == 0 else
+                    fwd_sim.data_frame(0x260B1234, stack.fcnt, fport=3, payload=bytes(range(200))))
+        keys.append(("jreq", "DevNonce", nonce + i, {"DevAddr", "FCnt", "FRMPayload"}) if i % 3 == 0 else
+                    ("updf", "FCnt", stack.fcnt, {"JoinEui", "DevEui", "DevNonce"}))
     mark = stack.lns.mark()
     sent = stack.fwd.send_uplinks(phys)
     check(sent["size"] > 2048 and stack.acked(sent), "batch of %d bytes not acknowledged" % sent["size"])

@@ -27,15 +27,18 @@ TEST(TranslatorDownlink, Txpk) {
     const std::string head = R"({"imme":false,"freq":869.525000,"rfch":0,"powe":27,"modu":"LORA","datr":"SF9BW125",)"
                              R"("codr":"4/5","ipol":true,"size":13,"data":"YNobASYAAQAB0vWrnA==")";
     const std::string head_c = R"({"imme":true)" + head.substr(13), rx2 = R"(,"RX2DR":0,"RX2Freq":869525000)";
+    const std::string xt = R"(,"xtime":)" + std::to_string((0x2Aull << 48) + (3ull << 32) + 1000);
     struct {
         const char *fault;
         std::string dnmsg, txpk; // the txpk: all of it, or the part that matters
     } rows[] = {
-        {"class A: key order, freq text, Base64 or delay wrong", dnmsg(R"(,"xtime":1000,"RX1DR":3,"MuxTime":1.5)"),
-         head + R"(,"tmst":1001000})"},
-        {"class A RX2 not one second after RX1", dnmsg(R"(,"xtime":1000)" + rx2), head + R"(,"tmst":2001000})"},
-        {"class A with RX2DR alone taken as RX2", dnmsg(R"(,"xtime":1000,"RX2DR":0)"), head + R"(,"tmst":1001000})"},
-        {"class A RX2 with RxDelay 0 disagrees with dntxed", dnmsg(R"(,"xtime":1000,"RxDelay":0)" + rx2),
+        {"class A: key order, freq text, Base64, delay, epoch or wraps in tmst",
+         dnmsg(xt + R"(,"RX1DR":3,"MuxTime":1.5)"), head + R"(,"tmst":1001000})"},
+        {"class A RX2 not one second after RX1", dnmsg(xt + rx2), head + R"(,"tmst":2001000})"},
+        {"class A with RX2DR alone taken as RX2", dnmsg(xt + R"(,"RX2DR":0)"), head + R"(,"tmst":1001000})"},
+        {"RxDelay taken as microseconds", dnmsg(xt + R"(,"RxDelay":5)"), head + R"(,"tmst":5001000})"},
+        {"RxDelay 0 sent at once instead of after 1 s", dnmsg(xt + R"(,"RxDelay":0)"), head + R"(,"tmst":1001000})"},
+        {"class A RX2 with RxDelay 0 disagrees with dntxed", dnmsg(xt + R"(,"RxDelay":0)" + rx2),
          head + R"(,"tmst":2001000})"},
         {"class B gpstime not truncated to ms", dnmsg(R"(,"gpstime":1234567890999)", 1),
          head + R"(,"tmms":1234567890})"},
