@@ -36,12 +36,8 @@ std::string b64(const bytes &phy) {
     return out.c_str();
 }
 
-std::string v1(const std::string &data, const std::string &extra = "") {
-    return R"({"time":"2024-05-01T10:00:00.000000Z","tmst":1500000,"rfch":0,"freq":868.1,"stat":1,)"
-           R"("modu":"LORA","datr":"SF7BW125","size":23,"codr":"4/5","data":")" + data + "\"" + extra + "}";
-}
-
-std::string v2(const std::string &data, const std::string &extra = "") {
+// One rxpk as both versions send it (version 1 reads its signal from rsig, and has no tmms).
+std::string rx(const std::string &data, const std::string &extra = "") {
     return R"({"time":"2024-05-01T10:00:00.000000Z","tmms":1398600000123,"tmst":1500000,"chan":2,"rfch":0,)"
            R"("freq":868.5,"stat":1,"modu":"LORA","datr":"SF9BW125","codr":"4/5","rssi":-97,"lsnr":-7.26,)"
            R"("size":20,"data":")" + data + "\"" + extra + "}";
@@ -60,7 +56,7 @@ TEST(TranslatorUplink, PacketsAndFrames) {
     for (uint8_t b = 1; b <= 14; b++) fopts15.push_back(b);
     const std::string t127 = ",\"time\":\"" + std::string(127, 't') + "\"";
     const std::string t128 = t127.substr(0, 9) + 't' + t127.substr(9);
-    std::string no_tmst = v2(UPDF);
+    std::string no_tmst = rx(UPDF);
     no_tmst.erase(no_tmst.find(R"("tmst")"), 15);
     struct {
         const char *fault;
@@ -69,56 +65,56 @@ TEST(TranslatorUplink, PacketsAndFrames) {
         const char *expect; // nullptr: refused
     } rows[] = {
         {"v1 join request: key order, EUI byte order, signed MIC, not the first rsig element", 1,
-         v1(JOIN, R"(,"rsig":[{"ant":0,"chan":3,"rssic":-42,"lsnr":-7.26},{"ant":1,"chan":3,"rssic":-50,"lsnr":1}])"),
-         R"({"keep":1,"DR":"SF7BW125","Freq":868100000,"upinfo":{"rctx":0,"xtime":11821949023347552,"gpstime":0,)"
+         rx(JOIN, R"(,"rsig":[{"ant":0,"chan":3,"rssic":-42,"lsnr":-7.26},{"ant":1,"chan":3,"rssic":-50,"lsnr":1}])"),
+         R"({"keep":1,"DR":"SF9BW125","Freq":868500000,"upinfo":{"rctx":0,"xtime":11821949023347552,"gpstime":0,)"
          R"("rssi":-42,"snr":-7.3,"chan":3},"msgtype":"jreq","MHdr":0,"JoinEui":"08-07-06-05-04-03-02-01",)"
          R"("DevEui":"18-17-16-15-14-13-12-11","DevNonce":4660,"MIC":-573785174})"},
-        {"v2 data frame: gpstime not from tmms, FOpts, port or payload wrong", 2, v2(UPDF),
+        {"v2 data frame: gpstime not from tmms, FOpts, port or payload wrong", 2, rx(UPDF),
          R"("xtime":11821949023347552,"gpstime":1398600000123000,"rssi":-97,"snr":-7.3,"chan":2},"msgtype":"updf",)"
          R"("MHdr":64,"DevAddr":637606874,"FCtrl":131,"FCnt":258,"FOpts":"020307","FPort":10,"FRMPayload":"01020304",)"
          R"("MIC":1144201745})"},
-        {"v1 without rsig refused", 1, v1(UPDF), R"("gpstime":0,"rssi":0,"snr":0.0,"chan":0})"},
-        {"v1 with 32 rsig elements refused", 1, v1(UPDF, rsig32), R"("rssi":-1,"snr":0.5,)"},
-        {"v1 with 33 rsig elements accepted", 1, v1(UPDF, rsig33), nullptr},
-        {"v1 rsig element without lsnr accepted", 1, v1(UPDF, R"(,"rsig":[{"ant":1,"chan":0,"rssic":-1}])"), nullptr},
-        {"v1 rsig object accepted as an array", 1, v1(UPDF, R"(,"rsig":{"ant":0})"), nullptr},
-        {"time of 127 characters refused", 2, v2(UPDF, t127), R"("msgtype":"updf")"},
-        {"time of 128 characters overflows", 2, v2(UPDF, t128), nullptr},
-        {"CRC-error packet or size mismatch refused", 2, v2(UPDF, R"(,"stat":-1,"size":99)"), R"("msgtype":"updf")"},
-        {"FSK datr number refused", 2, v2(UPDF, R"(,"datr":50000)"), R"("DR":"50000",)"},
-        {"datr of 16 characters overflows", 2, v2(UPDF, R"(,"datr":"SF12BW125XXXXXXX")"), nullptr},
+        {"v1 without rsig refused", 1, rx(UPDF), R"("gpstime":0,"rssi":0,"snr":0.0,"chan":0})"},
+        {"v1 with 32 rsig elements refused", 1, rx(UPDF, rsig32), R"("rssi":-1,"snr":0.5,)"},
+        {"v1 with 33 rsig elements accepted", 1, rx(UPDF, rsig33), nullptr},
+        {"v1 rsig element without lsnr accepted", 1, rx(UPDF, R"(,"rsig":[{"ant":1,"chan":0,"rssic":-1}])"), nullptr},
+        {"v1 rsig object accepted as an array", 1, rx(UPDF, R"(,"rsig":{"ant":0})"), nullptr},
+        {"time of 127 characters refused", 2, rx(UPDF, t127), R"("msgtype":"updf")"},
+        {"time of 128 characters overflows", 2, rx(UPDF, t128), nullptr},
+        {"CRC-error packet or size mismatch refused", 2, rx(UPDF, R"(,"stat":-1,"size":99)"), R"("msgtype":"updf")"},
+        {"FSK datr number refused", 2, rx(UPDF, R"(,"datr":50000)"), R"("DR":"50000",)"},
+        {"datr of 16 characters overflows", 2, rx(UPDF, R"(,"datr":"SF12BW125XXXXXXX")"), nullptr},
         {"missing tmst accepted", 2, no_tmst, nullptr},
-        {"tmst text accepted as 0", 2, v2(UPDF, R"(,"tmst":"soon")"), nullptr},
-        {"infinite freq overflows Freq", 2, v2(UPDF, R"(,"freq":1e400)"), nullptr},
-        {"lsnr not finite printed", 2, v2(UPDF, R"(,"lsnr":-Infinity)"), nullptr},
+        {"tmst text accepted as 0", 2, rx(UPDF, R"(,"tmst":"soon")"), nullptr},
+        {"infinite freq overflows Freq", 2, rx(UPDF, R"(,"freq":1e400)"), nullptr},
+        {"lsnr not finite printed", 2, rx(UPDF, R"(,"lsnr":-Infinity)"), nullptr},
         {"rxpk not an object", 2, "[1,2,3]", nullptr},
-        {"text after the Base64 padding refused", 2, v2(JOIN + " junk!"), R"("msgtype":"jreq")"},
-        {"341 Base64 characters overflow the PHY", 2, v2(std::string(341, 'A')), nullptr},
-        {"4 Base64 characters: PHY too small", 2, v2("QNob"), nullptr},
-        {"12 bytes: MIC taken as port", 2, v2(b64({0x40, 4, 3, 2, 1, 0, 1, 0, 0xA1, 0xA2, 0xA3, 4})),
+        {"text after the Base64 padding refused", 2, rx(JOIN + " junk!"), R"("msgtype":"jreq")"},
+        {"341 Base64 characters overflow the PHY", 2, rx(std::string(341, 'A')), nullptr},
+        {"4 Base64 characters: PHY too small", 2, rx("QNob"), nullptr},
+        {"12 bytes: MIC taken as port", 2, rx(b64({0x40, 4, 3, 2, 1, 0, 1, 0, 0xA1, 0xA2, 0xA3, 4})),
          R"("DevAddr":16909060,"FCtrl":0,"FCnt":1,"FOpts":"","FPort":-1,"FRMPayload":"","MIC":77832865})"},
-        {"13 bytes: port lost", 2, v2(b64({0x40, 4, 3, 2, 1, 0, 1, 0, 7, 0xA1, 0xA2, 0xA3, 4})),
+        {"13 bytes: port lost", 2, rx(b64({0x40, 4, 3, 2, 1, 0, 1, 0, 7, 0xA1, 0xA2, 0xA3, 4})),
          R"("FOpts":"","FPort":7,"FRMPayload":"","MIC":77832865})"},
-        {"FOpts taken as port", 2, v2(b64({0x40, 4, 3, 2, 1, 0x83, 5, 0, 2, 3, 7, 1, 2, 3, 4})),
+        {"FOpts taken as port", 2, rx(b64({0x40, 4, 3, 2, 1, 0x83, 5, 0, 2, 3, 7, 1, 2, 3, 4})),
          R"("FCtrl":131,"FCnt":5,"FOpts":"020307","FPort":-1,"FRMPayload":"","MIC":67305985})"},
         {"confirmed up: DevAddr or MIC unsigned, port 0 lost", 2,
-         v2(b64({0x80, 0x78, 0x56, 0x34, 0xF2, 0x80, 7, 0, 0, 0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0xDE, 0xAD, 0xBE,
+         rx(b64({0x80, 0x78, 0x56, 0x34, 0xF2, 0x80, 7, 0, 0, 0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0xDE, 0xAD, 0xBE,
                  0xEF})),
          R"("MHdr":128,"DevAddr":-231451016,"FCtrl":128,"FCnt":7,"FOpts":"","FPort":0,"FRMPayload":"a1b2c3d4e5f6",)"},
-        {"downlink frame type refused", 2, v2(b64({0xA0, 1, 2, 3, 4, 0, 9, 0, 0x33, 0xFF, 1, 2, 3, 4})),
+        {"downlink frame type refused", 2, rx(b64({0xA0, 1, 2, 3, 4, 0, 9, 0, 0x33, 0xFF, 1, 2, 3, 4})),
          R"("MHdr":160,"DevAddr":67305985,"FCtrl":0,"FCnt":9,"FOpts":"","FPort":51,"FRMPayload":"ff",)"},
-        {"7-byte frame read past the decoder's terminator", 2, v2(b64({0x40, 1, 2, 3, 4, 0, 1})),
+        {"7-byte frame read past the decoder's terminator", 2, rx(b64({0x40, 1, 2, 3, 4, 0, 1})),
          R"("FCnt":1,"FOpts":"","FPort":-1,"FRMPayload":"","MIC":16778243})"},
-        {"15 FOpts bytes in 22 bytes overrun", 2, v2(b64(fopts15)),
+        {"15 FOpts bytes in 22 bytes overrun", 2, rx(b64(fopts15)),
          R"("FCtrl":15,"FCnt":2,"FOpts":"0102030405060708090a0b0c0d0e00","FPort":-1,"FRMPayload":"","MIC":235736075})"},
-        {"255-byte frame cut", 2, v2(b64(largest)), R"("FPort":1,"FRMPayload":"090a0b0c)"},
-        {"join request of 22 bytes accepted", 2, v2(b64(bytes(22, 0))), nullptr},
-        {"join request of 24 bytes accepted", 2, v2(b64(bytes(24, 0))), nullptr},
-        {"join accept accepted", 2, v2(b64(bytes(17, 0x20))), nullptr},
-        {"rejoin request accepted", 2, v2(b64(bytes(19, 0xC0))), nullptr},
-        {"proprietary frame accepted", 2, v2(b64(bytes(12, 0xE0))), nullptr},
-        {"6-byte data frame accepted", 2, v2(b64({0x40, 1, 2, 3, 4, 0})), nullptr},
-        {"FOpts longer than the frame accepted", 2, v2(b64({0x40, 1, 2, 3, 4, 5, 0, 0, 1, 2, 3})), nullptr},
+        {"255-byte frame cut", 2, rx(b64(largest)), R"("FPort":1,"FRMPayload":"090a0b0c)"},
+        {"join request of 22 bytes accepted", 2, rx(b64(bytes(22, 0))), nullptr},
+        {"join request of 24 bytes accepted", 2, rx(b64(bytes(24, 0))), nullptr},
+        {"join accept accepted", 2, rx(b64(bytes(17, 0x20))), nullptr},
+        {"rejoin request accepted", 2, rx(b64(bytes(19, 0xC0))), nullptr},
+        {"proprietary frame accepted", 2, rx(b64(bytes(12, 0xE0))), nullptr},
+        {"6-byte data frame accepted", 2, rx(b64({0x40, 1, 2, 3, 4, 0})), nullptr},
+        {"FOpts longer than the frame accepted", 2, rx(b64({0x40, 1, 2, 3, 4, 5, 0, 0, 1, 2, 3})), nullptr},
     };
     for (const auto &r : rows) {
         auto [rc, out] = translate(r.version, r.rxpk);
