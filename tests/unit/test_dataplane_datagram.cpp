@@ -1,6 +1,5 @@
-// The dataplane's decisions per datagram and per downlink, driven without the worker thread.
-// The LNS client is not running: translated uplinks stop at its "in transition" check, which
-// refuses and counts them.
+// The dataplane's decisions per datagram and per downlink, driven without the worker thread. The LNS
+// client is not running: it refuses translated uplinks and counts them.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -112,9 +111,7 @@ TEST(Dataplane, DatagramAndDownlinkDecisions) {
         bridge_health_snapshot want{};
         for (const auto &[counter, n] : s.counted) want.v[counter] = n;
         for (unsigned c = 0; c < BRIDGE_CNT_COUNT; c++) EXPECT_EQ(got.v[c], want.v[c]) << "counter " << c;
-        if (s.base_low >= 0) {
-            EXPECT_EQ(bridge_bstn_xtime_base() & 0xFFFFFFFF, s.base_low);
-        }
+        EXPECT_TRUE(s.base_low < 0 || (bridge_bstn_xtime_base() & 0xFFFFFFFF) == s.base_low) << "time base";
     }
     EXPECT_EQ(bridge_bstn_xtime_base() & 0xFFFFFFFF, 1000007) << "uplink tmst did not keep the time base in step";
 
@@ -122,8 +119,7 @@ TEST(Dataplane, DatagramAndDownlinkDecisions) {
     int queued = 1; // the downlink of the TX_ACK step
     while (queued < 1000 && bridge_dataplane_downlink_cb(0, nullptr, DNMSG.c_str(), DNMSG.size() + 1) == 0) ++queued;
     EXPECT_GE(queued, static_cast<int>(BRIDGE_DATAPLANE_PIPE_MSGS)) << "pipe too small for a downlink ring";
-    EXPECT_LT(queued, 1000) << "the pipe never filled";
-    EXPECT_EQ(bridge_health_take().v[BRIDGE_CNT_DN_DROP_PIPE_FULL], 1u);
+    EXPECT_EQ(bridge_health_take().v[BRIDGE_CNT_DN_DROP_PIPE_FULL], 1u) << "the pipe never filled";
     EXPECT_EQ(bridge_dataplane_deinit(), 0);
 }
 
