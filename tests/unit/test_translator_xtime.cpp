@@ -11,7 +11,7 @@ constexpr auto STEP = BRIDGE_XTIME_IN_STEP, JUMP = BRIDGE_XTIME_JUMPED;
 
 // Each row: state before, counter reported (low 32 bits count), local clock; the xtime the
 // observation yields (also the base afterwards unless `base_after` is set) and its kind.
-TEST(TranslatorXtime, Observe) {
+TEST(TranslatorXtime, ObserveAndFirstEpoch) {
     struct {
         const char *fault;
         bridge_xtime_state before;
@@ -24,7 +24,8 @@ TEST(TranslatorXtime, Observe) {
         {"older packet moves the base back or jumps", {EPOCH | S, 0, true}, S - 100000, 0, EPOCH | (S - 100000), STEP,
          EPOCH | S},
         {"packet 9 s behind the clock starts a new epoch", {EPOCH | S, 0, true}, S, 9 * S, EPOCH | S, STEP},
-        {"wrap not carried into bit 32", {EPOCH | (WRAP - 256), 0, true}, 5, 261, EPOCH + WRAP + 5, STEP},
+        {"wrap not carried into bit 32, or missed by a counter ahead of the clock", {EPOCH | (WRAP - 256), 0, true}, 5,
+         250, EPOCH + WRAP + 5, STEP},
         {"carry of earlier wraps lost", {EPOCH + 2 * WRAP + 100, 7, true}, 200, 107, EPOCH + 2 * WRAP + 200, STEP},
         {"3 h of silence in the wrong 2^32 period", {EPOCH | 1000, 0, true}, (1000 + H3) % WRAP, H3,
          EPOCH + 1000 + H3, STEP},
@@ -46,9 +47,6 @@ TEST(TranslatorXtime, Observe) {
         EXPECT_EQ(s.base, r.base_after ? r.base_after : r.xtime);
         EXPECT_TRUE(s.synced);
     }
-}
-
-TEST(TranslatorXtime, FirstEpoch) {
     EXPECT_EQ(bridge_xtime_initial_base(0), 1ull << 48) << "a draw of 0 gives epoch 0 (xtime 0 is the error value)";
     EXPECT_EQ(bridge_xtime_initial_base(0x12345), 0x45ull << 48) << "bits above the low 8 leak into the epoch";
 }
