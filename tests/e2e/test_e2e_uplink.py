@@ -12,7 +12,7 @@ from harness import check  # noqa: E402
 
 fwd_sim = e2e.fwd_sim
 stack = e2e.Stack(fwd_stock=True)
-DR_INDEX = {"SF12BW125": 0, "SF10BW125": 2, "SF9BW125": 3, "SF7BW125": 5}  # the LNS peer's EU868 table
+DR_INDEX = {"SF12BW125": 0, "SF10BW125": 2, "SF7BW125": 5, "SF7BW250": 6}  # the LNS peer's EU868 table
 JOIN_EUI, DEV_EUI = "70-b3-d5-7e-d0-00-00-01", "00-04-a3-0b-00-1c-05-30"
 
 
@@ -29,7 +29,7 @@ def join_request(nonce):
 def test_stock_forwarder_uplinks_flow_from_the_first_datagram_across_a_wrap():
     stack.up(sync=False, pull=False)
     check(stack.bridge.wait_log("allowed DR item received", 10), "no data-rate table from the LNS")
-    for version, jreq, datr in ((2, False, "SF7BW125"), (1, True, "SF10BW125"), (1, False, "SF9BW125"),
+    for version, jreq, datr in ((2, False, "SF7BW125"), (1, True, "SF10BW125"), (1, False, "SF7BW250"),
                                 (2, True, "SF12BW125")):
         mark, nonce = stack.lns.mark(), int(time.monotonic() * 1000) & 0xFFFF
         radio = dict(version=version, datr=datr, rssi=-61, lsnr=-7.26)
