@@ -82,8 +82,8 @@ TEST(Dataplane, DatagramAndDownlinkDecisions) {
         {"version 0 accepted", gwmp(0, GWMP_PULL_DATA), "", -1, none, {}},
         {"PUSH_DATA with a 1-byte body accepted", gwmp(2, GWMP_PUSH_DATA, "{"), "", -1, none, {{INVALID, 1}}},
         {"garbage JSON acknowledged", gwmp(2, GWMP_PUSH_DATA, R"({"rxpk":[nope)"), "", -1, none, {{INVALID, 1}}},
-        {"one bad rxpk loses the rest of its batch", gwmp(2, GWMP_PUSH_DATA, bad_second), "", 0, push_ack,
-         {{BRIDGE_CNT_UP_RECEIVED, 3}, {BRIDGE_CNT_UP_DROP_LNS, 2}, {INVALID, 1}}},
+        {"one bad rxpk loses the rest, or uplinks leave the time base", gwmp(2, GWMP_PUSH_DATA, bad_second), "", 0,
+         push_ack, {{BRIDGE_CNT_UP_RECEIVED, 3}, {BRIDGE_CNT_UP_DROP_LNS, 2}, {INVALID, 1}}, 1000007},
         {"unknown identifier answered", gwmp(2, 0x07, "{}"), "", -1, none, {}},
         {"downlink to a version-1 forwarder confirmed", gwmp(1, GWMP_PULL_DATA), DNMSG, -1,
          {1, 0x34, 0x12, GWMP_PULL_ACK}, {{BRIDGE_CNT_DN_DROP_NO_FORWARDER, 1}}},
@@ -113,7 +113,6 @@ TEST(Dataplane, DatagramAndDownlinkDecisions) {
         for (unsigned c = 0; c < BRIDGE_CNT_COUNT; c++) EXPECT_EQ(got.v[c], want.v[c]) << "counter " << c;
         EXPECT_TRUE(s.base_low < 0 || (bridge_bstn_xtime_base() & 0xFFFFFFFF) == s.base_low) << "time base";
     }
-    EXPECT_EQ(bridge_bstn_xtime_base() & 0xFFFFFFFF, 1000007) << "uplink tmst did not keep the time base in step";
 
     // Nobody drains the pipe: a full ring of downlinks fits, then they are dropped, never waited for.
     int queued = 1; // the downlink of the TX_ACK step
