@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """End to end, uplink side: a stock packet forwarder (no stat count, batches of up to 8 rxpk)
--> kes_bstn -> LNS peer."""
+-> kes_bstn -> LNS peer, versions 1 and 2, across a counter wrap."""
 
 import os
 import sys
@@ -12,86 +12,62 @@ from harness import check  # noqa: E402
 
 fwd_sim = e2e.fwd_sim
 stack = e2e.Stack(fwd_stock=True)
-LOW32 = 0xFFFFFFFF
-DR_INDEX = {"SF12BW125": 0, "SF10BW125": 2, "SF9BW125": 3, "SF7BW125": 5}  # the LNS peer's EU868 table
+DR_INDEX = {"SF12BW125": 0, "SF10BW125": 2, "SF7BW125": 5, "SF7BW250": 6}  # the LNS peer's EU868 table
+JOIN_EUI, DEV_EUI = "70-b3-d5-7e-d0-00-00-01", "00-04-a3-0b-00-1c-05-30"
 
 
-def check_xtime(msg, tmst):
-    xtime = msg["upinfo"]["xtime"]
-    check(xtime & LOW32 == tmst and 1 <= (xtime >> 48) <= 255, "xtime %#x for tmst %#x" % (xtime, tmst))
+def xtime_of(msg, tmst):
+    xtime = msg["upinfo"]["xtime"] if msg else 0
+    check(xtime & 0xFFFFFFFF == tmst and 1 <= (xtime >> 48) <= 255, "xtime %#x for tmst %#x" % (xtime, tmst))
     return xtime
 
 
-def at_lns(sent_fcnt=None, nonce=None, mark=0):
-    if nonce is not None:
-        return stack.lns.wait_recv("jreq", 5, mark, lambda m: m.get("DevNonce") == nonce)
-    return stack.lns.wait_recv("updf", 5, mark, lambda m: m.get("FCnt") == sent_fcnt)
+def join_request(nonce):
+    return fwd_sim.join_request(JOIN_EUI.replace("-", ""), DEV_EUI.replace("-", ""), nonce)
 
 
-def test_stock_forwarder_uplinks_flow_from_the_first_datagram():
+def test_stock_forwarder_uplinks_flow_from_the_first_datagram_across_a_wrap():
     stack.up(sync=False, pull=False)
     check(stack.bridge.wait_log("allowed DR item received", 10), "no data-rate table from the LNS")
-    for version, kind, datr in ((2, "updf", "SF7BW125"), (1, "jreq", "SF10BW125"), (1, "updf", "SF9BW125"),
-                                (2, "jreq", "SF12BW125")):
-        mark = stack.lns.mark()
-        if kind == "jreq":
-            nonce = int(time.monotonic() * 1000) & 0xFFFF
-            sent = stack.fwd.send_uplink(fwd_sim.join_request("70b3d57ed0000001", "0004a30b001c0530", nonce),
-                                         version=version, datr=datr, rssi=-61, lsnr=-7.26)
-            msg = at_lns(nonce=nonce, mark=mark)
-            check(msg and msg["JoinEui"] == "70-b3-d5-7e-d0-00-00-01" and msg["DevEui"] == "00-04-a3-0b-00-1c-05-30",
-                  "v%d jreq %r" % (version, msg))
-        else:
-            sent = stack.uplink(version=version, datr=datr, rssi=-61, lsnr=-7.26)
-            msg = at_lns(sent["fcnt"], mark=mark)
-            check(msg and msg["DevAddr"] == 0x260B1234 and msg["FRMPayload"] == sent["fcnt"].to_bytes(4, "big").hex(),
-                  "v%d updf %r" % (version, msg))
-        check(msg["DR"] == DR_INDEX[datr] and msg["Freq"] == 868100000, "v%d radio %r" % (version, msg))
-        check(msg["upinfo"]["rssi"] == -61 and abs(msg["upinfo"]["snr"] + 7.3) < 1e-9, "upinfo %r" % msg)
-        check_xtime(msg, sent["tmst"])
+    for version, jreq, datr in ((2, False, "SF7BW125"), (1, True, "SF10BW125"), (1, False, "SF7BW250"),
+                                (2, True, "SF12BW125")):
+        mark, nonce = stack.lns.mark(), int(time.monotonic() * 1000) & 0xFFFF
+        radio = dict(version=version, datr=datr, rssi=-61, lsnr=-7.26)
+        sent = stack.fwd.send_uplink(join_request(nonce), **radio) if jreq else stack.uplink(**radio)
+        msg = (stack.lns.wait_recv("jreq", 5, mark, lambda m: m.get("DevNonce") == nonce) if jreq
+               else stack.lns_uplink(sent, 5, mark))
+        check(msg, "v%d %s missing at the LNS" % (version, "jreq" if jreq else "updf"))
+        ident = (msg["JoinEui"], msg["DevEui"]) if jreq else (msg["DevAddr"], int(msg["FRMPayload"], 16))
+        check(ident == ((JOIN_EUI, DEV_EUI) if jreq else (0x260B1234, sent["fcnt"]))
+              and (msg["DR"], msg["Freq"], msg["upinfo"]["rssi"]) == (DR_INDEX[datr], 868100000, -61)
+              and abs(msg["upinfo"]["snr"] + 7.3) < 1e-9, "v%d uplink %r" % (version, msg))
+        xtime_of(msg, sent["tmst"])
         check(stack.acked(sent), "v%d PUSH_DATA not acknowledged" % version)
-
-
-def test_batch_of_8_mixed_uplinks_arrives_whole():
-    phys, keys = [], []
+    # A stock forwarder's full batch: 8 rxpk in one PUSH_DATA, each message with its own members.
+    phys, keys, nonce = [], [], int(time.monotonic() * 1000) & 0x7FFF
     for i in range(fwd_sim.BATCH_MAX):
-        if i % 3 == 0:
-            nonce = (int(time.monotonic() * 1000) + i) & 0xFFFF
-            phys.append(fwd_sim.join_request("70b3d57ed0000002", "0004a30b001c0531", nonce))
-            keys.append(("jreq", "DevNonce", nonce))
-        else:
-            stack.fcnt += 1
-            phys.append(fwd_sim.data_frame(0x260B1234, stack.fcnt, fport=3, payload=bytes(range(200))))
-            keys.append(("updf", "FCnt", stack.fcnt))
+        stack.fcnt += 1
+        phys.append(join_request(nonce + i) if i % 3 == 0 else
+                    fwd_sim.data_frame(0x260B1234, stack.fcnt, fport=3, payload=bytes(range(200))))
+        keys.append(("jreq", "DevNonce", nonce + i, {"DevAddr", "FCnt", "FRMPayload"}) if i % 3 == 0 else
+                    ("updf", "FCnt", stack.fcnt, {"JoinEui", "DevEui", "DevNonce"}))
     mark = stack.lns.mark()
     sent = stack.fwd.send_uplinks(phys)
-    check(sent["size"] > 2048, "the batch is only %d bytes" % sent["size"])
-    check(stack.acked(sent), "batch of 8 not acknowledged")
-    for (msgtype, key, value), tmst in zip(keys, sent["tmsts"]):
+    check(sent["size"] > 2048 and stack.acked(sent), "batch of %d bytes not acknowledged" % sent["size"])
+    for (msgtype, key, value, foreign), tmst in zip(keys, sent["tmsts"]):
         msg = stack.lns.wait_recv(msgtype, 5, mark, lambda m, k=key, v=value: m.get(k) == v)
-        check(msg is not None, "%s %s=%d of the batch missing" % (msgtype, key, value))
-        foreign = {"DevAddr", "FCnt", "FRMPayload"} if msgtype == "jreq" else {"JoinEui", "DevEui", "DevNonce"}
-        check(not foreign & set(msg), "%s carries members of another message: %r" % (msgtype, msg))
-        check_xtime(msg, tmst)
-
-
-def test_uplink_after_the_counter_wrapped_is_one_period_later():
+        check(msg and not foreign & set(msg), "%s %s=%d of the batch missing or mixed: %r" % (msgtype, key, value, msg))
+        xtime_of(msg, tmst)
+    # The counter wraps: the uplink after it is one 2^32 period later.
     stack.fwd.stop()
     stack.fwd = fwd_sim.FwdSim(stack.bridge.bind_port, stock=True, counter_start=(1 << 32) - 300000).start()
     first = stack.uplink()
-    msg1 = stack.lns_uplink(first)
-    check(msg1 is not None, "uplink before the wrap missing")
+    x1 = xtime_of(stack.lns_uplink(first), first["tmst"])
     e2e.wait_until(lambda: stack.fwd.counter() < (1 << 31), 2)
     second = stack.uplink()
-    msg2 = stack.lns_uplink(second)
-    check(msg2 is not None, "uplink after the wrap missing")
-    x1, x2 = check_xtime(msg1, first["tmst"]), check_xtime(msg2, second["tmst"])
+    x2 = xtime_of(stack.lns_uplink(second), second["tmst"])
     check(x2 - x1 == (second["tmst"] - first["tmst"]) % (1 << 32), "xtime %#x then %#x across the wrap" % (x1, x2))
 
 
 if __name__ == "__main__":
-    e2e.run_tests([
-        test_stock_forwarder_uplinks_flow_from_the_first_datagram,
-        test_batch_of_8_mixed_uplinks_arrives_whole,
-        test_uplink_after_the_counter_wrapped_is_one_period_later,
-    ], stack)
+    e2e.run_tests([test_stock_forwarder_uplinks_flow_from_the_first_datagram_across_a_wrap], stack)
