@@ -41,9 +41,6 @@ class FaultBridge(e2e.Bridge):
         self.proc = subprocess.Popen([*wrapper, e2e.bridge_binary(), "-d", "-v", str(level), "-c", self.config],
                                      stdin=subprocess.DEVNULL, stdout=self.log, stderr=subprocess.STDOUT)
 
-    def count(self, text):
-        return self.log_text().count(text)
-
 
 class LogWatch:
     """Times (time.monotonic() scale) of the log lines holding a text, from their own timestamps."""
@@ -121,7 +118,8 @@ class FaultStack(e2e.Stack):
 
     def __init__(self, lns_args=(), cups_specs=None, skip_cups=False, level=4, prefix="kes_fault_", wrapper=()):
         super().__init__(lns_args=lns_args, level=level, workdir=tempfile.mkdtemp(prefix=prefix))
-        self.wrapper, self.cups_specs, self.skip_cups, self.cups, self.cleanups = wrapper, cups_specs, skip_cups, None, []
+        self.wrapper, self.cups_specs, self.skip_cups = wrapper, cups_specs, skip_cups
+        self.cups, self.cleanups = None, []
         self.certs = os.path.join(self.tmp, "certs")
 
     def launch(self):
@@ -133,8 +131,8 @@ class FaultStack(e2e.Stack):
         self.bridge = FaultBridge(self.tmp, self.certs, os.path.join(self.tmp, "cred"), self.lns.port,
                                   e2e.free_udp_port(), self.cups and self.cups.port, self.skip_cups, self.level,
                                   self.wrapper)
-        self.fwd = e2e.fwd_sim.FwdSim(self.bridge.bind_port, version=self.fwd_version, on_event=self.on_fwd_event)
-        self.fwd.start()
+        self.fwd = e2e.fwd_sim.FwdSim(self.bridge.bind_port, version=self.fwd_version,
+                                      on_event=self.on_fwd_event).start()
         return self
 
     def handshakes(self, start=0):
@@ -162,8 +160,7 @@ class FaultStack(e2e.Stack):
 
 
 def run_tests(tests, stacks):
-    """harness.run_tests for tests with several stacks: all are taken down at the end, and kept on
-    disk with their logs when a test failed."""
+    """harness.run_tests for several stacks: all are taken down, and kept on disk if a test failed."""
     try:
         e2e.run_tests(tests)
     except SystemExit as done:

@@ -41,7 +41,8 @@ void configure(const kes_test::TempDir &dir, const std::string &uri, const std::
     kes_test::set_text(bridge_config_get_root()->general.fw_version, "1.7.1");
     for (std::string sfx : {"", "_backup"}) {
         write_file(dir.file("lns_uri" + sfx), sfx.empty() ? uri : backup);
-        for (auto [name, src] : {std::pair{"lns_trust", "ca.pem"}, {"lns_cert", "client.pem"}, {"lns_key", "client.key"}})
+        for (auto [name, src] : {std::pair{"lns_trust", "ca.pem"}, {"lns_cert", "client.pem"}, 
+                                 {"lns_key", "client.key"}})
             write_file(dir.file(name + sfx), kes_test::read_file(certs() + "/" + src));
     }
 }
@@ -50,12 +51,14 @@ void configure(const kes_test::TempDir &dir, const std::string &uri, const std::
 // type it received; null after 10 s.
 struct Peer {
     explicit Peer(std::vector<std::string> args = {}) {
-        args.insert(args.begin(), {kes_test::python(), kes_test::source_dir() + "/sim/lns_peer.py", "--certs", certs()});
+        args.insert(args.begin(), {kes_test::python(), kes_test::source_dir() + "/sim/lns_peer.py", "--certs",
+                                   certs()});
         port = std::stoi(proc.start(args, "READY"));
     }
     std::string uri() const { return "wss://127.0.0.1:" + std::to_string(port); }
     bridge_json_ptr wait(const std::string &event, const std::string &msgtype = "") {
-        for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10); std::chrono::steady_clock::now() < end;) {
+        using clock = std::chrono::steady_clock;
+        for (auto end = clock::now() + std::chrono::seconds(10); clock::now() < end;) {
             bridge_json_ptr ev(json_tokener_parse(proc.read_line(1000).c_str()));
             json_object *msg = nullptr;
             if (member(ev.get(), "event") != event) continue;
@@ -71,14 +74,8 @@ struct Peer {
 
 class LnsSessionTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        bridge_log_init(BRIDGE_LOG_ERROR, true);
-        lns_retry_pause_secs = 0;
-    }
-    void TearDown() override {
-        stop();
-        lns_exchange_timeout_secs = LNS_TIMEOUT_SECS;
-    }
+    void SetUp() override { bridge_log_init(BRIDGE_LOG_ERROR, true), lns_retry_pause_secs = 0; }
+    void TearDown() override { stop(), lns_exchange_timeout_secs = LNS_TIMEOUT_SECS; }
     void stop() {
         if (peer) peer->proc.stop();
         if (session.valid()) session.wait_for(std::chrono::seconds(10));
@@ -147,7 +144,8 @@ TEST_F(LnsSessionTest, WhatEndsASession) {
     struct Row { const char *fault; std::vector<std::string> peer_args; std::string command; int status; };
     const Row rows[] = {
         {"a text that is not JSON must end it", {}, R"({"cmd":"send_raw","text":"not json"})", -1},
-        {"a message above 64 KiB must end it", {}, R"({"cmd":"send_raw","text":")" + std::string(70000, 'x') + "\"}", -1},
+        {"a message above 64 KiB must end it", {}, R"({"cmd":"send_raw","text":")" + std::string(70000, 'x') + "\"}",
+         -1},
         {"a close by the LNS ends it normally", {}, R"({"cmd":"close"})", 0},
         {"a refused traffic connection requires a restart", {"--refuse-traffic"}, "", LNS_STATUS_RESTART_REQUIRED},
         {"a silent LNS after version: the exchange is bounded", {"--stall-version"}, "", LNS_STATUS_RESTART_REQUIRED},
@@ -186,7 +184,8 @@ TEST_F(LnsSessionTest, ServerAuthenticationAndTheCausesOfFailures) {
         };
     };
     auto allow_self_signed = [] { bridge_config_get_root()->lns_opts.allow_self_signed = true; };
-    const std::string key = dir.file("lns_key"), cert = dir.file("lns_cert"), uri = dir.file("lns_uri");
+    const std::string key = dir.file("lns_key"), cert = dir.file("lns_cert"), uri = dir.file("lns_uri"),
+                      trust = dir.file("lns_trust");
     const std::vector<std::string> self = {"--server-cert", "server_self"}, other = {"--server-cert", "server_other"};
     struct Row { const char *fault; std::vector<std::string> peer_args; std::function<void()> setup; bool ok;
                  std::vector<std::string> causes; };
@@ -201,7 +200,7 @@ TEST_F(LnsSessionTest, ServerAuthenticationAndTheCausesOfFailures) {
         {"key of another certificate", {}, [&] { write_file(key, kes_test::read_file(certs() + "/client_ec.key")); },
          false, {"lws init failed: key " + key + " does not match the certificate " + cert}},
         {"self-signed LNS certificate outside the trust file", self, [] {}, false,
-         {"this bridge refused the LNS server certificate: self-signed certificate", "trust file " + dir.file("lns_trust")}},
+         {"this bridge refused the LNS server certificate: self-signed certificate", "trust file " + trust}},
         {"LNS certificate for another host", other, [] {}, false,
          {"this bridge refused the LNS server certificate: IP address mismatch"}},
         {"LNS that wants a client certificate, given a token", {}, token("Authorization: Bearer t\r\n"), false,

@@ -18,8 +18,7 @@ stack = fs.FaultStack(skip_cups=True, prefix="kes_slow_lns_")
 
 
 def test_session_closed_by_the_lns_restarts_the_bridge():
-    stack.up()
-    first, _ = fs.uplink_and_downlink(stack, 1)
+    first, _ = fs.uplink_and_downlink(stack.up(), 1)
     mark, t0 = stack.lns.mark(), time.monotonic()
     stack.lns.command(cmd="close")
     check(stack.bridge.wait_log(fs.RESTART, 10), "no restart line")
@@ -28,26 +27,25 @@ def test_session_closed_by_the_lns_restarts_the_bridge():
     pause = fs.traffic_connections(stack.lns, mark)[0]["t"] - t0
     check(19.0 <= pause <= 30.0, "new session after %.1f s, expected about 20 s" % pause)
     sent, up = stack.sync()
-    check(up["upinfo"]["xtime"] & 0xFFFFFFFF == sent["tmst"], "xtime after the restart does not carry tmst")
-    check(up["upinfo"]["xtime"] >> 48 != first["upinfo"]["xtime"] >> 48, "no new epoch after the restart")
+    xtime = up["upinfo"]["xtime"]
+    check(xtime & 0xFFFFFFFF == sent["tmst"] and xtime >> 48 != first["upinfo"]["xtime"] >> 48, "no new time base")
     fmark = stack.fwd.mark()
-    stack.lns.send(fs.dnmsg(900, up["upinfo"]["xtime"]))
+    stack.lns.send(fs.dnmsg(900, xtime))
     check(not stack.fwd.wait_for(lambda e: e.get("kind") == "pull_resp", 2, fmark), "downlink sent before PULL_DATA")
     stack.pull()
     fs.uplink_and_downlink(stack, 901)
 
 
 def test_recovery_after_a_refused_pass():
-    watch = fs.LogWatch(stack.bridge, fs.RESTART)
-    mark, restarts = stack.lns.mark(), stack.bridge.count(fs.RESTART)
+    mark, restarts = stack.lns.mark(), stack.bridge.log_text().count(fs.RESTART)
     stack.lns.command(cmd="refuse", on=True)
     t0 = time.monotonic()
     stack.lns.command(cmd="close")
     refused = lambda: stack.lns.find(lambda e: e.get("event") == "refused", mark)  # noqa: E731
     check(e2e.wait_until(lambda: len(refused()) >= 2, 40), "discovery not refused twice on the next pass")
-    check(watch.wait(fs.RESTART, restarts + 2, 20), "no restart line after the refused pass")
+    check(stack.bridge.wait_log(fs.RESTART, 20, restarts + 2), "no restart line after the refused pass")
     stack.lns.command(cmd="refuse", on=False)
-    t_ref, t_restart = refused()[1]["t"] - t0, watch.times(fs.RESTART)[restarts + 1] - t0
+    t_ref, t_restart = refused()[1]["t"] - t0, fs.LogWatch(stack.bridge).times(fs.RESTART)[restarts + 1] - t0
     stack.ready(45, mark)
     conn = fs.traffic_connections(stack.lns, mark)[0]["t"] - t0
     fs.uplink_and_downlink(stack, 50)
