@@ -1,8 +1,7 @@
 #!/usr/bin/python3
-"""The real daemon against the Python LNS peer and forwarder simulator, on one session: messages that
-must be dropped do not end the session nor reach the forwarder, a dnmsg longer than one receive event
-is joined, traffic goes on both ways; a burst of 64 uplinks all reaches the LNS. What ends a session
-is proven by the LNS client's own tests, the restart after it by tests/slow/test_slow_lns_recovery.py."""
+"""The real daemon against the LNS peer and forwarder simulator, on one session: messages that must be
+dropped neither end the session nor reach the forwarder, a dnmsg longer than one receive event is joined,
+a burst of 64 uplinks all arrives. Session ends: tests/integration; the restart after one: tests/slow."""
 
 import os
 import sys
