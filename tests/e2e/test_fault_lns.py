@@ -15,7 +15,8 @@ from harness import check  # noqa: E402
 stack = fs.FaultStack(skip_cups=True, prefix="kes_fault_lns_")
 DROPPED = [fs.dnmsg(201, -1, gpstime=-1), fs.dnmsg(202, 1 << 48, RX1DR=40), fs.dnmsg(203, 1 << 48, dC=7),
            {"msgtype": "dnmsg", "DevEui": "00-00-00-00-00-00-00-01", "dC": 0, "diid": 204, "xtime": 1 << 48},
-           {"msgtype": "no_such_message", "x": 1}, {"msgtype": "router_config", "DRs": [[7, 125, 0]]}]
+           {"msgtype": "no_such_message", "x": 1}, {"msgtype": "router_config", "DRs": [[7, 125, 0]]},
+           {"msgtype": "dnsched", "schedule": []}]
 
 
 def test_dropped_messages_keep_the_session():
