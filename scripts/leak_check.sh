@@ -42,6 +42,6 @@ for n in "${counts[@]}"; do
 done
 echo "== summary ($tool; reports in $out)"
 for line in "${summary[@]}"; do
-  echo "$line" | awk '{printf "passes %-3s definitely lost %8s bytes in %5s blocks (indirectly %s, possibly %s, still reachable %s, errors %s)\n", $2, $4, $6, $8, $10, $12, $14}'
+  echo "$line" | awk '{printf "passes %-3s definitely lost %8s bytes in %5s blocks (errors %s; report %s)\n", $2, $4, $6, $8, $10}'
 done
 exit $status

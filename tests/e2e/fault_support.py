@@ -1,21 +1,14 @@
-"""Helpers of the fault-injection tests (tests/e2e/test_fault_*.py and tests/slow/).
-
-Builds on harness (certificates, LNS peer, forwarder simulator) and adds what the ordinary
-end-to-end tests do not need: the CUPS peer, a bridge whose configuration runs the CUPS exchange
-and keeps every credential and URI file in one directory of its own, a TCP server that accepts
-and never answers, a read-only mount of a directory, and log watching with timestamps.
-Every process started here is ended by its PID.
-"""
+"""Helpers of the fault tests (tests/e2e/test_fault_*.py, tests/slow/) on top of sim/harness.py: a
+bridge with the CUPS exchange and every credential file in one directory of its own, a stack with
+an optional CUPS peer, log times, a read-only directory. Every process is ended by its PID."""
 
 import json
 import os
-import shutil
-import socket
+import pathlib
 import subprocess
 import tempfile
-import threading
 import time
-import traceback
+from datetime import datetime
 
 import harness as e2e
 from harness import check  # noqa: F401  (re-exported for the tests)
@@ -24,170 +17,72 @@ RESTART = "restarting Basic Station in 20 seconds..."
 NON_CRITICAL = "non-critical error raised: [%d]"
 
 
-def closed_tcp_port():
-    """A local TCP port on which nothing listens (bound, then released)."""
-    s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-    s.bind(("127.0.0.1", 0))
-    port = s.getsockname()[1]
-    s.close()
-    return port
-
-
-
-CupsPeer = e2e.CupsPeer  # the fault tests use the shared wrapper
-
-
 class FaultBridge(e2e.Bridge):
-    """The daemon with every CUPS and LNS file in `cred_dir` and the CUPS exchange switched on
-    (unless `skip_cups`). The CUPS set is made of the test CA and client certificate, its URI file
-    points at `cups_port`; the LNS URI file at `lns_port`."""
+    """The daemon with both CUPS and LNS sets (main and backup: test CA, client certificate, URI files
+    naming `cups_port` (default 1, where nothing listens) and `lns_port`) in `cred_dir`."""
 
     def __init__(self, workdir, certs, cred_dir, lns_port, bind_port, cups_port=None, skip_cups=False,
                  level=4, wrapper=()):
-        self.workdir = workdir
-        self.bind_port = bind_port
-        self.cred_dir = cred_dir
-        self.log_path = os.path.join(workdir, "kes_bstn.log")
+        self.workdir, self.bind_port, self.cred_dir = workdir, bind_port, cred_dir
+        self.log_path, self.config = os.path.join(workdir, "kes_bstn.log"), os.path.join(workdir, "kes_bstn.toml")
         os.makedirs(cred_dir, exist_ok=True)
-        for name, src in (("cups.trust", "ca.pem"), ("cups.cert", "client.pem"), ("cups.key", "client.key"),
-                          ("lns.trust", "ca.pem"), ("lns.cert", "client.pem"), ("lns.key", "client.key")):
-            shutil.copy(os.path.join(certs, src), os.path.join(cred_dir, name))
-        for side in ("cups", "lns"):   # backups start as copies of the main files
-            for item in ("trust", "cert", "key"):
-                shutil.copy(self.cred(side + "." + item), self.cred("%s.%s_backup" % (side, item)))
-        self.set_lns_port(lns_port)
-        shutil.copy(self.cred("lns.uri"), self.cred("lns.uri_backup"))
-        self.set_cups_port(cups_port if cups_port else closed_tcp_port())
-        shutil.copy(self.cred("cups.uri"), self.cred("cups.uri_backup"))
-        keys = ("uri", "uri_backup", "trust", "trust_backup", "cert", "cert_backup", "key", "key_backup")
-        cfg = {
-            "general": {"gw_eui": e2e.GW_EUI, "name": "kes-fault", "fw_version": "1.7.1", "model": "e2e",
-                        "package": "1.7.1", "skip_cups": bool(skip_cups)},
-            "cups": {k: self.cred("cups." + k) for k in keys},
-            "lns": {k: self.cred("lns." + k) for k in keys},
-        }
-        self.config = os.path.join(workdir, "kes_bstn.toml")
-        with open(self.config, "w") as f:
-            for section, entries in cfg.items():
-                f.write("[%s]\n" % section)
-                for k, v in entries.items():
-                    f.write("%s = %s\n" % (k, ("true" if v else "false") if isinstance(v, bool) else json.dumps(v)))
-                f.write("\n")
-            f.write("[semtech]\nbind_port = %d\n" % bind_port)
+        uris = {"cups": "https://127.0.0.1:%d/\n" % (cups_port or 1), "lns": "wss://127.0.0.1:%d\n" % lns_port}
+        toml = ['[general]\ngw_eui = "%s"\nname = "kes-fault"\nfw_version = "1.7.1"\nmodel = "e2e"\n'
+                'package = "1.7.1"\nskip_cups = %s\n' % (e2e.GW_EUI, "true" if skip_cups else "false")]
+        for side in ("cups", "lns"):
+            toml.append("[%s]" % side)
+            for item, src in (("uri", None), ("trust", "ca.pem"), ("cert", "client.pem"), ("key", "client.key")):
+                for key in (item, item + "_backup"):
+                    path = pathlib.Path(cred_dir, "%s.%s" % (side, key))
+                    path.write_bytes(pathlib.Path(certs, src).read_bytes() if src else uris[side].encode())
+                    toml.append("%s = %s" % (key, json.dumps(str(path))))
+        pathlib.Path(self.config).write_text("\n".join(toml) + "\n\n[semtech]\nbind_port = %d\n" % bind_port)
         self.log = open(self.log_path, "w")
         self.proc = subprocess.Popen([*wrapper, e2e.bridge_binary(), "-d", "-v", str(level), "-c", self.config],
                                      stdin=subprocess.DEVNULL, stdout=self.log, stderr=subprocess.STDOUT)
 
-    def cred(self, name):
-        return os.path.join(self.cred_dir, name)
-
-    def set_cups_port(self, port):
-        with open(self.cred("cups.uri"), "w") as f:
-            f.write("https://127.0.0.1:%d/\n" % port)
-
-    def set_lns_port(self, port):
-        with open(self.cred("lns.uri"), "w") as f:
-            f.write("wss://127.0.0.1:%d\n" % port)
-
-    def count(self, text):
-        return self.log_text().count(text)
-
 
 class LogWatch:
-    """Polls the bridge log and stamps the moment each new occurrence of a text appeared, so that
-    tests can measure the pauses between retries (resolution 50 ms)."""
+    """Times (time.monotonic() scale) of the log lines holding a text, from their own timestamps."""
 
     def __init__(self, bridge, *texts):
         self.bridge = bridge
-        self.texts = texts
-        self.stamps = {t: [] for t in texts}
-        self.stop_ev = threading.Event()
-        self.thread = threading.Thread(target=self._run, daemon=True)
-        self.thread.start()
-
-    def _run(self):
-        while not self.stop_ev.is_set():
-            now = time.monotonic()
-            text = self.bridge.log_text()
-            for t in self.texts:
-                n = text.count(t)
-                while len(self.stamps[t]) < n:
-                    self.stamps[t].append(now)
-            self.stop_ev.wait(0.05)
 
     def times(self, text):
-        return list(self.stamps[text])
+        offset = time.time() - time.monotonic()
+        return [datetime.strptime(line.split(" [", 1)[0], "%Y-%m-%d %H:%M:%S.%f%z").timestamp() - offset
+                for line in self.bridge.log_text().splitlines() if text in line]
 
     def wait(self, text, count, timeout):
-        return e2e.wait_until(lambda: len(self.stamps[text]) >= count, timeout, 0.05)
+        return self.bridge.wait_log(text, timeout, count)
 
     def stop(self):
-        self.stop_ev.set()
-        self.thread.join(2)
-
-
-class StallServer:
-    """Accepts TCP connections on 127.0.0.1 and never sends a byte (not even a TLS handshake)."""
-
-    def __init__(self):
-        self.sock = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        self.sock.bind(("127.0.0.1", 0))
-        self.sock.listen(16)
-        self.port = self.sock.getsockname()[1]
-        self.accepted = []      # (time, connection)
-        self.running = True
-        threading.Thread(target=self._run, daemon=True).start()
-
-    def _run(self):
-        self.sock.settimeout(0.2)
-        while self.running:
-            try:
-                conn, _ = self.sock.accept()
-            except socket.timeout:
-                continue
-            except OSError:
-                return
-            self.accepted.append((time.monotonic(), conn))
-
-    def stop(self):
-        self.running = False
-        for _, conn in self.accepted:
-            conn.close()
-        self.sock.close()
+        pass
 
 
 class ReadOnlyDir:
-    """Makes a directory read-only for root as well: a read-only bind mount of the directory on
-    itself (root ignores permission bits, not a read-only mount). Falls back to the immutable
-    attribute (chattr +i) where mounting is not permitted; that one only stops creating, removing
-    and renaming entries, which is what the CUPS backup copy of a new file meets."""
+    """A directory read-only for root too: a read-only bind mount of it on itself (root ignores mode
+    bits), else chattr +i (stops creating, removing and renaming entries, as a backup copy does)."""
 
     def __init__(self, path):
-        self.path = path
-        self.method = None
+        self.path, self.method = path, None
 
     def on(self):
-        r = subprocess.run(["mount", "--bind", self.path, self.path], capture_output=True)
-        if r.returncode == 0:
-            r = subprocess.run(["mount", "-o", "remount,ro,bind", self.path], capture_output=True)
-            if r.returncode == 0:
+        run = lambda *cmd: subprocess.run(cmd, capture_output=True).returncode == 0  # noqa: E731
+        if run("mount", "--bind", self.path, self.path):
+            if run("mount", "-o", "remount,ro,bind", self.path):
                 self.method = "read-only bind mount"
                 return self.method
-            subprocess.run(["umount", self.path], capture_output=True)
+            run("umount", self.path)
         subprocess.run(["chattr", "+i", self.path], check=True, capture_output=True)
         self.method = "chattr +i"
         return self.method
 
     def off(self):
-        if self.method == "read-only bind mount":
-            subprocess.run(["umount", self.path], check=True, capture_output=True)
-        elif self.method == "chattr +i":
-            subprocess.run(["chattr", "-i", self.path], check=True, capture_output=True)
+        if self.method:
+            undo = ["chattr", "-i", self.path] if self.method == "chattr +i" else ["umount", self.path]
+            subprocess.run(undo, check=True, capture_output=True)
         self.method = None
-
-
-def workdir(prefix):
-    return tempfile.mkdtemp(prefix=prefix)
 
 
 def traffic_connections(lns, start=0):
@@ -196,15 +91,13 @@ def traffic_connections(lns, start=0):
 
 def dnmsg(diid, xtime, **extra):
     """A class-A dnmsg on RX1 (DR 5 = SF7BW125 in the peer's router_config)."""
-    msg = {"msgtype": "dnmsg", "DevEui": "00-00-00-00-00-00-00-01", "dC": 0, "diid": diid, "pdu": "0a0b0c0d",
-           "RxDelay": 1, "RX1DR": 5, "RX1Freq": 868100000, "priority": 0, "xtime": xtime, "rctx": 0}
-    msg.update(extra)
-    return msg
+    return {"msgtype": "dnmsg", "DevEui": "00-00-00-00-00-00-00-01", "dC": 0, "diid": diid, "pdu": "0a0b0c0d",
+            "RxDelay": 1, "RX1DR": 5, "RX1Freq": 868100000, "priority": 0, "xtime": xtime, "rctx": 0, **extra}
 
 
 def uplink_and_downlink(stack, diid, timeout=10.0):
-    """One uplink forwarder -> LNS and one downlink LNS -> forwarder on the running session.
-    Returns (uplink at the LNS, PULL_RESP at the forwarder) or raises AssertionError."""
+    """One uplink to the LNS and one downlink (RX1, 1 s after it) to the forwarder on the running
+    session. Returns (uplink at the LNS, PULL_RESP at the forwarder)."""
     mark = stack.lns.mark()
     sent = stack.uplink()
     check(stack.acked(sent, timeout), "uplink FCnt %d not acknowledged" % sent["fcnt"])
@@ -219,28 +112,25 @@ def uplink_and_downlink(stack, diid, timeout=10.0):
 
 
 class FaultStack(e2e.Stack):
-    """Certificates, LNS peer, optional CUPS peer, a FaultBridge and the forwarder simulator.
-
-    `launch()` starts everything without waiting; `ready()` waits for the LNS handshake and
-    synchronises the time base like harness.Stack.up()."""
+    """Certificates, LNS peer, optional CUPS peer (answering `cups_specs`), a FaultBridge and the
+    forwarder simulator. `launch()` starts them; `ready()` waits for the LNS handshake, then syncs
+    and pulls like harness.Stack.up(). `cleanups` run first at down()."""
 
     def __init__(self, lns_args=(), cups_specs=None, skip_cups=False, level=4, prefix="kes_fault_", wrapper=()):
-        super().__init__(lns_args=lns_args, level=level, workdir=workdir(prefix))
-        self.wrapper = wrapper
-        self.cups_specs = cups_specs
-        self.skip_cups = skip_cups
-        self.cups = None
+        super().__init__(lns_args=lns_args, level=level, workdir=tempfile.mkdtemp(prefix=prefix))
+        self.wrapper, self.cups_specs, self.skip_cups = wrapper, cups_specs, skip_cups
+        self.cups, self.cleanups = None, []
         self.certs = os.path.join(self.tmp, "certs")
-        self.cleanups = []
 
     def launch(self):
         e2e.make_certs(self.certs)
         self.lns = e2e.LnsPeer(self.certs, *self.lns_args, on_event=self.on_lns_event)
         if self.cups_specs is not None:
-            self.cups = CupsPeer(self.certs, *self.cups_specs)
+            self.cups = e2e.CupsPeer(self.certs, *self.cups_specs)
+            self.cleanups.insert(0, self.cups.stop)
         self.bridge = FaultBridge(self.tmp, self.certs, os.path.join(self.tmp, "cred"), self.lns.port,
-                                  e2e.free_udp_port(), cups_port=self.cups.port if self.cups else None,
-                                  skip_cups=self.skip_cups, level=self.level, wrapper=self.wrapper)
+                                  e2e.free_udp_port(), self.cups and self.cups.port, self.skip_cups, self.level,
+                                  self.wrapper)
         self.fwd = e2e.fwd_sim.FwdSim(self.bridge.bind_port, version=self.fwd_version,
                                       on_event=self.on_fwd_event).start()
         return self
@@ -266,41 +156,17 @@ class FaultStack(e2e.Stack):
                 fn()
             except Exception:  # keep tearing down the rest
                 pass
-        if self.cups is not None:
-            self.cups.stop()
         super().down()
 
 
 def run_tests(tests, stacks):
-    """harness.run_tests for tests that use several stacks (listed in `stacks`): every stack
-    still open at the end is taken down, and kept on disk with its logs when a test failed."""
+    """harness.run_tests for several stacks: all are taken down, and kept on disk if a test failed."""
     try:
         e2e.run_tests(tests)
     except SystemExit as done:
         for st in stacks:
-            if done.code:
+            if done.code and st.bridge is not None:
                 st.keep = True
-                if st.bridge is not None:
-                    print("bridge log kept: %s" % st.bridge.log_path)
+                print("bridge log kept: %s" % st.bridge.log_path)
             st.down()
         raise
-
-
-def run_parallel(*scenarios):
-    """Runs independent scenarios (functions without arguments, each with its own stack) at the
-    same time so that their long pauses overlap; re-raises the first failure after all ended."""
-    errors = []
-
-    def body(fn):
-        try:
-            fn()
-        except Exception as exc:  # collected, reported below
-            errors.append((fn.__name__, exc))
-            traceback.print_exc()
-    threads = [threading.Thread(target=body, args=(fn,), name=fn.__name__) for fn in scenarios]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    if errors:
-        raise AssertionError("; ".join("%s: %s" % (name, exc) for name, exc in errors))
