@@ -4,7 +4,8 @@
 # KILLED when a selected test fails or hangs, SURVIVED when they all pass. The working tree is
 # never touched.
 #
-#   scripts/mutants.sh [-j N] [PATTERN]
+#   scripts/mutants.sh [-c] [-j N] [PATTERN]
+#     -c        only check the list: every original text occurs exactly once in its file (no build)
 #     -j N      run N tests at once (ctest -j; default 1)
 #     PATTERN   run only the mutants whose id matches this regular expression (Python's re.search)
 #
@@ -15,11 +16,12 @@
 # output stays in the scratch folder's logs/.
 set -uo pipefail
 
-jobs=1
-while getopts "j:" opt; do
+jobs=1 check=0
+while getopts "cj:" opt; do
   case $opt in
+    c) check=1 ;;
     j) jobs=$OPTARG ;;
-    *) echo "usage: $0 [-j N] [PATTERN]" >&2; exit 64 ;;
+    *) echo "usage: $0 [-c] [-j N] [PATTERN]" >&2; exit 64 ;;
   esac
 done
 shift $((OPTIND - 1))
@@ -49,6 +51,26 @@ for n, line in enumerate(open(path, encoding="utf-8"), 1):
         print("\x1f".join(f))
 EOF
 ) || exit 2
+
+if [ "$check" = 1 ]; then
+  "$py" -c '
+import os, sys
+bad = total = 0
+for rec in sys.stdin.read().splitlines():
+    if not rec:
+        continue
+    mid, rel, orig = rec.split("\x1f")[:3]
+    total += 1
+    path = os.path.join(sys.argv[1], rel)
+    n = open(path, encoding="utf-8").read().count(orig) if os.path.isfile(path) else -1
+    if n != 1:
+        bad += 1
+        print("NOTFOUND %s: %s" % (mid, "no file " + rel if n < 0 else "the original text occurs %d times in %s" % (n, rel)))
+print("mutants: %d listed, %d not found" % (total, bad))
+sys.exit(1 if bad else 0)
+' "$repo" <<<"$mutants"
+  exit
+fi
 
 # The scratch copy is refreshed file by file: unchanged files keep their time stamps, so a
 # second run rebuilds only what changed since the first.
