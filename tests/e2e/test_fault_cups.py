@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Fault of the CUPS peer: a 200 answer that is no valid update ends the supervision pass (restart
-line) before the LNS is contacted. Retry rhythm: tests/integration; recovery 20 s later: tests/slow."""
+"""Fault of the CUPS peer: a 200 answer that is no valid update ends the supervision pass before the
+LNS is contacted. Retry rhythm: tests/integration; the 20 s restart: tests/slow/."""
 import os
 import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "sim"))
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path[:0] = [HERE, os.path.join(HERE, "..", "..", "sim")]
 import fault_support as fs  # noqa: E402
 from harness import check  # noqa: E402
 
