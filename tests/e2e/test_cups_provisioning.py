@@ -1,8 +1,7 @@
 #!/usr/bin/python3
-"""End to end: zero-touch provisioning. The daemon starts with only its CUPS set and no LNS files; the
-CUPS simulator (which, like the reference server, answers 500 to a request without tcUri) sends the LNS
-URI, certificate and key; the daemon writes them, says so, and holds a session with the LNS simulator,
-which demands that certificate (so the written key is proven too)."""
+"""End to end: zero-touch provisioning. With only its CUPS set, the daemon gets the LNS URI, certificate and
+key from the CUPS simulator (which, like the reference server, answers 500 to a request without tcUri),
+says so, and holds a session with the LNS simulator, which demands that certificate (proving the key)."""
 import json
 import os
 import shutil
@@ -24,8 +23,8 @@ def test_fresh_gateway_is_provisioned_into_an_lns_session():
     lns = cups = proc = None
     try:
         lns = e2e.LnsPeer(CERTS, "--auth", "cert")
-        creds = {"trust": "ca.der", "cert": "client_ec.der", "key": "client_ec.key.der"}
-        update = {"lns_uri": "wss://127.0.0.1:%d" % lns.port, "lns_creds": creds}
+        update = {"lns_uri": "wss://127.0.0.1:%d" % lns.port,
+                  "lns_creds": {"trust": "ca.der", "cert": "client_ec.der", "key": "client_ec.key.der"}}
         cups = e2e.CupsPeer(CERTS, extra=["--require-cert", "--respond", json.dumps(update)])
         with open(os.path.join(TMP, "cups.uri"), "w") as f:
             f.write("https://127.0.0.1:%d/cups/\n" % cups.port)
