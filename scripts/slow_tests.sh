@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # Slow fault tests (tests/slow/test_*.py): recovery through the real 20-second restart and the
-# 10-second retry pause, CUPS faults that end a pass, a read-only credential directory, a
-# trickling CUPS answer abandoned by the real 60 s low-speed limit. Not part of the
-# default CTest run; about 7 minutes. Needs root (a bind mount).
+# 10-second retry pause, and a trickling CUPS answer abandoned by the real 60 s low-speed limit. Not part of the
+# default CTest run; about 3 minutes.
 #
 #   scripts/slow_tests.sh                         # build (build-slow) and run all
 #   BUILD_DIR=build scripts/slow_tests.sh test_slow_lns_recovery.py

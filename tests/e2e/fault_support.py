@@ -1,6 +1,6 @@
 """Helpers of the fault tests (tests/e2e/test_fault_*.py, tests/slow/) on top of sim/harness.py: a
 bridge with the CUPS exchange and every credential file in one directory of its own, a stack with
-an optional CUPS peer, log times, a read-only directory. Every process is ended by its PID."""
+an optional CUPS peer, log times. Every process is ended by its PID."""
 
 import json
 import os
@@ -42,47 +42,11 @@ class FaultBridge(e2e.Bridge):
                                      stdin=subprocess.DEVNULL, stdout=self.log, stderr=subprocess.STDOUT)
 
 
-class LogWatch:
-    """Times (time.monotonic() scale) of the log lines holding a text, from their own timestamps."""
-
-    def __init__(self, bridge, *texts):
-        self.bridge = bridge
-
-    def times(self, text):
-        offset = time.time() - time.monotonic()
-        return [datetime.strptime(line.split(" [", 1)[0], "%Y-%m-%d %H:%M:%S.%f%z").timestamp() - offset
-                for line in self.bridge.log_text().splitlines() if text in line]
-
-    def wait(self, text, count, timeout):
-        return self.bridge.wait_log(text, timeout, count)
-
-    def stop(self):
-        pass
-
-
-class ReadOnlyDir:
-    """A directory read-only for root too: a read-only bind mount of it on itself (root ignores mode
-    bits), else chattr +i (stops creating, removing and renaming entries, as a backup copy does)."""
-
-    def __init__(self, path):
-        self.path, self.method = path, None
-
-    def on(self):
-        run = lambda *cmd: subprocess.run(cmd, capture_output=True).returncode == 0  # noqa: E731
-        if run("mount", "--bind", self.path, self.path):
-            if run("mount", "-o", "remount,ro,bind", self.path):
-                self.method = "read-only bind mount"
-                return self.method
-            run("umount", self.path)
-        subprocess.run(["chattr", "+i", self.path], check=True, capture_output=True)
-        self.method = "chattr +i"
-        return self.method
-
-    def off(self):
-        if self.method:
-            undo = ["chattr", "-i", self.path] if self.method == "chattr +i" else ["umount", self.path]
-            subprocess.run(undo, check=True, capture_output=True)
-        self.method = None
+def log_times(bridge, text):
+    """Times (time.monotonic() scale) of the bridge's log lines holding `text`, from their own stamps."""
+    offset = time.time() - time.monotonic()
+    return [datetime.strptime(line.split(" [", 1)[0], "%Y-%m-%d %H:%M:%S.%f%z").timestamp() - offset
+            for line in bridge.log_text().splitlines() if text in line]
 
 
 def traffic_connections(lns, start=0):

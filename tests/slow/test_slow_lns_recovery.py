@@ -45,7 +45,7 @@ def test_recovery_after_a_refused_pass():
     check(e2e.wait_until(lambda: len(refused()) >= 2, 40), "discovery not refused twice on the next pass")
     check(stack.bridge.wait_log(fs.RESTART, 20, restarts + 2), "no restart line after the refused pass")
     stack.lns.command(cmd="refuse", on=False)
-    t_ref, t_restart = refused()[1]["t"] - t0, fs.LogWatch(stack.bridge).times(fs.RESTART)[restarts + 1] - t0
+    t_ref, t_restart = refused()[1]["t"] - t0, fs.log_times(stack.bridge, fs.RESTART)[restarts + 1] - t0
     stack.ready(45, mark)
     conn = fs.traffic_connections(stack.lns, mark)[0]["t"] - t0
     fs.uplink_and_downlink(stack, 50)
