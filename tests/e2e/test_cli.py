@@ -42,10 +42,14 @@ class CommandLine(unittest.TestCase):
                 while messages.count("WATCHDOG=1") < 2:
                     messages.append(notify.recv(256).decode())
                 self.assertEqual(messages[0], "READY=1")
-                deadline, summary = time.monotonic() + 10, ""
-                while "summary of the last" not in summary and time.monotonic() < deadline:
-                    summary = p.stderr.readline()
-                self.assertIn("session restarts=1", summary)
+                # Summaries every second for 3.5 s: one restart in all, the next pass waits its 20 s.
+                deadline, restarts = time.monotonic() + 3.5, []
+                while time.monotonic() < deadline:
+                    line = p.stderr.readline()
+                    if "summary of the last" in line:
+                        restarts.append(int(line.rsplit("session restarts=", 1)[1].split()[0]))
+                self.assertGreaterEqual(len(restarts), 2)
+                self.assertEqual(sum(restarts), 1, "a pass failed twice within 3.5 s: the restart pause is short")
                 self.assertIsNone(p.poll(), "the daemon stopped after a failed pass")
             finally:
                 p.kill()

@@ -167,6 +167,8 @@ TEST_F(LnsSessionTest, WhatEndsASession) {
 TEST_F(LnsSessionTest, DiscoveryTakesTheReplyOfAClosingServerOnTheBackup) {
     Peer backup; // closes the discovery connection right after its reply, like real servers
     configure(dir, "wss://127.0.0.1:1/a/b", backup.uri() + "/prefix");
+    for (auto [name, src] : {std::pair{"lns_cert_backup", "client_ec.pem"}, {"lns_key_backup", "client_ec.key"}})
+        write_file(dir.file(name), kes_test::read_file(certs() + "/" + src)); // the backup's own client pair
     std::string log;
     ASSERT_EQ(discover(&log), 0) << log;
     EXPECT_EQ(lns.lns_uri, backup.uri() + "/traffic/" + GW_EUI);
