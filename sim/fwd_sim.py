@@ -71,7 +71,34 @@ def gwmp(version, token, ident, eui=None, body=b""):
     return head + (eui or b"") + body
 
 
-class FwdSim:
+class EventLog:
+    """Events recorded by reader threads (`self.events`, guarded by the condition `self.lock`)."""
+
+    def wait_for(self, pred, timeout=10.0, start=0):
+        """First event from index `start` on that satisfies `pred`, or None after `timeout` s."""
+        deadline = time.monotonic() + timeout
+        with self.lock:
+            i = start
+            while True:
+                while i < len(self.events):
+                    if pred(self.events[i]):
+                        return self.events[i]
+                    i += 1
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    return None
+                self.lock.wait(left)
+
+    def mark(self):
+        with self.lock:
+            return len(self.events)
+
+    def find(self, pred, start=0):
+        with self.lock:
+            return [e for e in self.events[start:] if pred(e)]
+
+
+class FwdSim(EventLog):
     """A packet forwarder: two sockets, a receiver thread and an event record."""
 
     def __init__(self, bridge_port, version=2, eui=DEFAULT_EUI, host="127.0.0.1", counter_start=None,
@@ -165,29 +192,6 @@ class FwdSim:
         if self.on_event:
             self.on_event(ev)
         return ev
-
-    def wait_for(self, pred, timeout=10.0, start=0):
-        """First event from index `start` on that satisfies `pred`, or None after `timeout` s."""
-        deadline = time.monotonic() + timeout
-        with self.lock:
-            i = start
-            while True:
-                while i < len(self.events):
-                    if pred(self.events[i]):
-                        return self.events[i]
-                    i += 1
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return None
-                self.lock.wait(left)
-
-    def mark(self):
-        with self.lock:
-            return len(self.events)
-
-    def find(self, pred, start=0):
-        with self.lock:
-            return [e for e in self.events[start:] if pred(e)]
 
     # ---- sending ---------------------------------------------------------------------------
     def _sendto(self, sock, data):

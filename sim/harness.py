@@ -84,13 +84,13 @@ def stop_pid(proc, grace=3.0):
         pass
 
 
-class LnsPeer:
+class LnsPeer(fwd_sim.EventLog):
     """sim/lns_peer.py as a child process; its JSON events are collected with arrival times."""
 
     def __init__(self, certs, *extra, on_event=None):
         self.on_event = on_event
         self.events = []
-        self.cond = threading.Condition()
+        self.lock = threading.Condition()
         self.proc = subprocess.Popen([PYTHON, os.path.join(PEERS_DIR, "lns_peer.py"), "--certs", certs,
                                       *extra], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                      stderr=subprocess.DEVNULL, text=True, bufsize=1)
@@ -110,33 +110,11 @@ class LnsPeer:
             except ValueError:
                 continue
             ev["t"] = now
-            with self.cond:
+            with self.lock:
                 self.events.append(ev)
-                self.cond.notify_all()
+                self.lock.notify_all()
             if self.on_event:
                 self.on_event(ev)
-
-    def mark(self):
-        with self.cond:
-            return len(self.events)
-
-    def wait_for(self, pred, timeout=10.0, start=0):
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            i = start
-            while True:
-                while i < len(self.events):
-                    if pred(self.events[i]):
-                        return self.events[i]
-                    i += 1
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return None
-                self.cond.wait(left)
-
-    def find(self, pred, start=0):
-        with self.cond:
-            return [e for e in self.events[start:] if pred(e)]
 
     def wait_recv(self, msgtype, timeout=10.0, start=0, where=lambda m: True):
         ev = self.wait_for(lambda e: e.get("event") == "recv" and e.get("kind") == "traffic"
