@@ -21,18 +21,7 @@ using kes_test::contains;
 using kes_test::write_file;
 const std::string GW_EUI = "0016c001ff10a235";
 
-// One PKI for the whole test program: key generation is the slow part.
-const std::string &certs() {
-    static kes_test::TempDir dir;
-    static bool made = kes_test::make_certs(dir.path());
-    EXPECT_TRUE(made);
-    return dir.path();
-}
-
-std::string member(json_object *o, const char *key) {
-    json_object *v = nullptr;
-    return o && json_object_object_get_ex(o, key, &v) ? json_object_get_string(v) : "";
-}
+using kes_test::member;
 
 // Both credential sets in `dir` hold the test client files; the URI files name `uri` and `backup`.
 void configure(const kes_test::TempDir &dir, const std::string &uri, const std::string &backup) {
@@ -43,18 +32,14 @@ void configure(const kes_test::TempDir &dir, const std::string &uri, const std::
         write_file(dir.file("lns_uri" + sfx), sfx.empty() ? uri : backup);
         for (auto [name, src] : {std::pair{"lns_trust", "ca.pem"}, {"lns_cert", "client.pem"}, 
                                  {"lns_key", "client.key"}})
-            write_file(dir.file(name + sfx), kes_test::read_file(certs() + "/" + src));
+            write_file(dir.file(name + sfx), kes_test::cert(src));
     }
 }
 
 // The LNS peer. wait() returns its next event named `event` or, with `msgtype`, the message of that
 // type it received; null after 10 s.
 struct Peer {
-    explicit Peer(std::vector<std::string> args = {}) {
-        args.insert(args.begin(), {kes_test::python(), kes_test::source_dir() + "/sim/lns_peer.py", "--certs",
-                                   certs()});
-        port = std::stoi(proc.start(args, "READY"));
-    }
+    explicit Peer(std::vector<std::string> args = {}) : port(proc.start_sim("lns_peer.py", std::move(args))) {}
     std::string uri() const { return "wss://127.0.0.1:" + std::to_string(port); }
     bridge_json_ptr wait(const std::string &event, const std::string &msgtype = "") {
         using clock = std::chrono::steady_clock;
@@ -69,7 +54,7 @@ struct Peer {
         return nullptr;
     }
     kes_test::Process proc;
-    int port = 0;
+    const int port;
 };
 
 class LnsSessionTest : public ::testing::Test {
@@ -100,12 +85,13 @@ protected:
     }
     // Discovery alone, logging as the daemon's -v 3 -d (the library's log too); its status and log.
     int discover(std::string *log) {
-        kes_test::StderrCapture cap;
-        bridge_log_init(BRIDGE_LOG_DEBUG, true);
-        int rc = bridge_bstn_lns_init_discovery(BRIDGE_LOG_DEBUG, true);
-        bridge_log_init(BRIDGE_LOG_ERROR, true);
-        lws_set_log_level(LLL_ERR | LLL_WARN | LLL_NOTICE, nullptr);
-        *log = cap.stop();
+        int rc = 0;
+        *log = kes_test::stderr_of([&] {
+            bridge_log_init(BRIDGE_LOG_DEBUG, true);
+            rc = bridge_bstn_lns_init_discovery(BRIDGE_LOG_DEBUG, true);
+            bridge_log_init(BRIDGE_LOG_ERROR, true);
+            lws_set_log_level(LLL_ERR | LLL_WARN | LLL_NOTICE, nullptr);
+        });
         return rc;
     }
 
@@ -168,7 +154,7 @@ TEST_F(LnsSessionTest, DiscoveryTakesTheReplyOfAClosingServerOnTheBackup) {
     Peer backup; // closes the discovery connection right after its reply, like real servers
     configure(dir, "wss://127.0.0.1:1/a/b", backup.uri() + "/prefix");
     for (auto [name, src] : {std::pair{"lns_cert_backup", "client_ec.pem"}, {"lns_key_backup", "client_ec.key"}})
-        write_file(dir.file(name), kes_test::read_file(certs() + "/" + src)); // the backup's own client pair
+        write_file(dir.file(name), kes_test::cert(src)); // the backup's own client pair
     std::string log;
     ASSERT_EQ(discover(&log), 0) << log;
     EXPECT_EQ(lns.lns_uri, backup.uri() + "/traffic/" + GW_EUI);
@@ -199,7 +185,7 @@ TEST_F(LnsSessionTest, ServerAuthenticationAndTheCausesOfFailures) {
          {"failed to read LNS uri: " + uri + ": No such file or directory"}},
         {"missing token file: path and reason", {}, [&] { unlink(cert.c_str()), unlink(key.c_str()); }, false,
          {"failed to read LNS token: " + key + ": No such file or directory"}},
-        {"key of another certificate", {}, [&] { write_file(key, kes_test::read_file(certs() + "/client_ec.key")); },
+        {"key of another certificate", {}, [&] { write_file(key, kes_test::cert("client_ec.key")); },
          false, {"lws init failed: key " + key + " does not match the certificate " + cert}},
         {"self-signed LNS certificate outside the trust file", self, [] {}, false,
          {"this bridge refused the LNS server certificate: self-signed certificate", "trust file " + trust}},

@@ -25,20 +25,16 @@ std::string read_file(const std::string &path) {
 }
 bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
-StderrCapture::StderrCapture() {
-    char tmpl[] = "/tmp/kes_stderr_XXXXXX";
-    const int fd = mkstemp(tmpl);
-    if (fd < 0) throw std::runtime_error("mkstemp failed");
-    path_ = tmpl;
-    fflush(stderr);
-    saved_fd_ = dup(STDERR_FILENO);
-    dup2(fd, STDERR_FILENO);
-    close(fd);
+std::string member(json_object *o, const char *key) {
+    json_object *v = nullptr;
+    if (!o || !json_object_object_get_ex(o, key, &v) || json_object_get_type(v) == json_type_null) return "<none>";
+    return json_object_get_string(v);
 }
-StderrCapture::~StderrCapture() { stop(), unlink(path_.c_str()); }
-std::string StderrCapture::stop() {
-    if (saved_fd_ >= 0) fflush(stderr), dup2(saved_fd_, STDERR_FILENO), close(std::exchange(saved_fd_, -1));
-    return read_file(path_);
+std::string member(const std::string &json_text, const char *key) {
+    json_object *o = json_tokener_parse(json_text.c_str());
+    std::string m = member(o, key);
+    json_object_put(o);
+    return m;
 }
 
 TempDir::TempDir() {
@@ -109,9 +105,18 @@ void Process::stop() {
         if (*fd >= 0) close(std::exchange(*fd, -1));
 }
 
-bool make_certs(const std::string &dir) {
-    return system(("bash " + source_dir() + "/sim/make_certs.sh " + dir).c_str()) == 0;
+int Process::start_sim(const std::string &script, std::vector<std::string> args) {
+    args.insert(args.begin(), {python(), source_dir() + "/sim/" + script, "--certs", certs()});
+    return std::stoi(start(args, "READY"));
 }
+
+const std::string &certs() {
+    static TempDir dir;
+    static const bool made = system(("bash " + source_dir() + "/sim/make_certs.sh " + dir.path()).c_str()) == 0;
+    EXPECT_TRUE(made) << "sim/make_certs.sh failed";
+    return dir.path();
+}
+std::string cert(const std::string &name) { return read_file(certs() + "/" + name); }
 
 void point_credentials_at(const std::string &dir) {
     bridge_cfg_root *cfg = bridge_config_get_root();

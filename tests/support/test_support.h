@@ -7,6 +7,9 @@
 #include <sys/types.h>
 #include <vector>
 
+#include <gtest/gtest.h>
+#include <json-c/json.h>
+
 namespace kes_test {
 
 inline bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
@@ -14,16 +17,16 @@ void write_file(const std::string &path, const std::string &content);
 std::string read_file(const std::string &path);
 bool file_exists(const std::string &path);
 
-// Standard error goes into a temporary file until stop(), which returns what was written.
-class StderrCapture {
-public:
-    StderrCapture();
-    ~StderrCapture();
-    std::string stop();
-private:
-    int saved_fd_ = -1;
-    std::string path_;
-};
+// What `run` writes to standard error.
+template <class F>
+std::string stderr_of(F &&run) {
+    testing::internal::CaptureStderr();
+    run();
+    return testing::internal::GetCapturedStderr();
+}
+// Member `key` of `o` as text; "<none>" when absent or null.
+std::string member(json_object *o, const char *key);
+std::string member(const std::string &json_text, const char *key);
 
 // A scratch folder removed with its content on destruction.
 class TempDir {
@@ -45,6 +48,8 @@ public:
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
     std::string start(const std::vector<std::string> &argv, const std::string &ready_prefix, int timeout_ms = 20000);
+    // sim/<script> with the test PKI; returns the port of its "READY <port>" line.
+    int start_sim(const std::string &script, std::vector<std::string> args);
     std::string read_line(int timeout_ms = 10000);
     void write_line(const std::string &line);
     void stop();
@@ -55,8 +60,9 @@ private:
     std::string pending_;
 };
 
-// The throw-away PKI of sim/make_certs.sh in `dir`; false when it failed.
-bool make_certs(const std::string &dir);
+// The throw-away PKI of sim/make_certs.sh, made once per test program: its folder, one file's content.
+const std::string &certs();
+std::string cert(const std::string &name);
 // Clears the configuration root and names every CUPS and LNS file inside `dir` (dir/cups_uri, dir/lns_key, ...).
 void point_credentials_at(const std::string &dir);
 template <size_t N>

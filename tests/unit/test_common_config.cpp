@@ -30,9 +30,8 @@ struct Config : ::testing::Test {
     int load_path(const std::string &path) {
         bridge_log_init(BRIDGE_LOG_WARN, true);
         memset(bridge_config_get_root(), 0, sizeof(bridge_cfg_root));
-        kes_test::StderrCapture cap;
-        const int rc = bridge_config_process(path.c_str());
-        log = cap.stop();
+        int rc = 0;
+        log = kes_test::stderr_of([&] { rc = bridge_config_process(path.c_str()); });
         return rc;
     }
     int load(const std::string &text) { return kes_test::write_file(dir.file("k"), text), load_path(dir.file("k")); }

@@ -1,4 +1,5 @@
-// Reading through JSON field frames: conversions, sizes, absence, nesting (writing: the downlink translator tests).
+// Reading one field through a JSON field frame: conversions and sizes (absent fields and writing: the translator
+// tests).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -42,21 +43,6 @@ TEST(Json, ReadsOneFieldOrRefusesIt) {
                   : r.type == B ? std::to_string(v.b) : std::string(v.s), r.value) << r.fault;
         EXPECT_TRUE(r.type != S || v.s[strlen(r.value) + 1] == 'X') << "written past the terminator";
     }
-}
-
-TEST(Json, AbsenceAndNesting) {
-    bridge_json_ptr obj = parse(R"({"a": 1, "o": {"x": 17}, "n": 5, "z": null})");
-    int64_t a = 0, b = -1, x = 0, later = 0;
-    bridge_json_field in[] = {{"x", json_type_int, 0, &x, false}};
-    const bridge_json_field ok[] = {{"a", json_type_int, 0, &a, false}, {"b", json_type_int, 0, &b, true},
-                                    {"o", json_type_object, 1, in, false}, {"z", json_type_object, 1, in, true}};
-    EXPECT_EQ(bridge_json_deserialize(obj.get(), ok), 0);
-    EXPECT_TRUE(a == 1 && x == 17 && b == -1) << "an absent optional field touched";
-    const bridge_json_field bad[] = {{"n", json_type_object, 1, in, false}, {"a", json_type_int, 0, &later, false}};
-    EXPECT_EQ(bridge_json_deserialize(obj.get(), bad), -1) << "a number taken as an object";
-    EXPECT_EQ(later, 0) << "fields after a failure read";
-    const bridge_json_field absent[] = {{"missing", json_type_int, 0, &a, false}};
-    EXPECT_EQ(bridge_json_deserialize(obj.get(), absent), -1) << "a mandatory field may be missing";
 }
 
 } // namespace

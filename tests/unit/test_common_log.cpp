@@ -1,4 +1,5 @@
-// The logger (line layout, level filter, syslog priorities), the repeat limiter and the summary line.
+// The logger (level filter, syslog priorities), the repeat limiter and the summary line. The line layout
+// is read by the slow tests (they take the times from it).
 // <syslog.h> names clash with the logging macros: take its numbers first.
 #include <syslog.h>
 namespace {
@@ -10,7 +11,6 @@ constexpr int SYS_ERR = LOG_ERR, SYS_WARNING = LOG_WARNING, SYS_INFO = LOG_INFO,
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <regex.h>
 
 #include "common/bridge_health.h"
 #include "common/bridge_utils.h"
@@ -25,26 +25,22 @@ TEST(LogTest, SyslogPriorityFollowsTheLevel) {
     for (const auto &r : rows) EXPECT_EQ(bridge_log_syslog_priority(r.level), r.priority) << r.level;
 }
 
-TEST(LogTest, LevelFilterLineLayoutErrnoTextAndLongLines) {
+TEST(LogTest, LevelFilterErrnoTextAndLongLines) {
     for (unsigned configured = 0; configured <= 4; configured++)
         for (unsigned level = 0; level <= 5; level++) {
             bridge_log_init(configured, true);
-            kes_test::StderrCapture cap;
-            bridge_log_print_message(level, "f.c", 1, "x");
-            EXPECT_EQ(!cap.stop().empty(), level <= configured) << configured << "/" << level;
+            const std::string out = kes_test::stderr_of([&] { bridge_log_print_message(level, "f.c", 1, "x"); });
+            EXPECT_EQ(!out.empty(), level <= configured) << configured << "/" << level;
         }
     bridge_log_init(BRIDGE_LOG_INFO, true);
-    kes_test::StderrCapture cap;
-    errno = ENOENT;
     const std::string big(3000, 'y'), fmt = std::string(2000, 'f') + " %m %s";
-    bridge_log_print_message(BRIDGE_LOG_WARN, "/src/dir/module.cpp", 42, fmt.c_str(), big.c_str());
-    EXPECT_EQ(errno, ENOENT) << "the caller's errno lost";
-    const std::string out = cap.stop();
-    regex_t head;
-    ASSERT_EQ(regcomp(&head, "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}[+-][0-9]{4} "
-                             "\\[[0-9]+\\]\\[WARN  \\] module\\.cpp:42 f", REG_EXTENDED | REG_NOSUB), 0);
-    EXPECT_EQ(regexec(&head, out.c_str(), 0, nullptr, 0), 0) << out.substr(0, 100);
-    regfree(&head);
+    int errno_after = 0;
+    const std::string out = kes_test::stderr_of([&] {
+        errno = ENOENT;
+        bridge_log_print_message(BRIDGE_LOG_WARN, "/src/dir/module.cpp", 42, fmt.c_str(), big.c_str());
+        errno_after = errno;
+    });
+    EXPECT_EQ(errno_after, ENOENT) << "the caller's errno lost";
     EXPECT_TRUE(out.ends_with(" " + fmt.substr(0, 2000) + " No such file or directory " + big + "\n")) << "cut or bad";
 }
 
@@ -70,9 +66,7 @@ TEST(LogTest, SummaryLineEveryIntervalWithItsCounters) {
     bridge_health_count(BRIDGE_CNT_SESSION_RESTARTS, 3);
     std::string out;
     for (uint64_t now : {1000, 2999, 3000}) {
-        kes_test::StderrCapture cap;
-        bridge_health_tick(now);
-        out += std::to_string(now) + ":" + cap.stop();
+        out += std::to_string(now) + ":" + kes_test::stderr_of([&] { bridge_health_tick(now); });
     }
     EXPECT_TRUE(kes_test::contains(out, "1000:2999:3000:")) << "a summary before its interval: " << out;
     EXPECT_TRUE(kes_test::contains(out, "summary of the last 2 s: uplinks received=7 forwarded=0 dropped(invalid=0 "

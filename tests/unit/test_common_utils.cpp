@@ -1,4 +1,5 @@
-// CRC-32, text file, hex and Base64 helpers (EUI and hex texts of frames: the frame parser's tests).
+// Text file and Base64 helpers (CRC-32: the CUPS exchange against an independent CRC; hex texts: the
+// downlink translator; EUI texts: the frame parser).
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -10,12 +11,6 @@
 #include "support/test_support.h"
 
 namespace {
-
-TEST(UtilsTest, Crc32IsTheStandardOneAndChains) {
-    const std::string blob(1000, '\xa5');
-    EXPECT_EQ(bridge_utils_calculate_crc32(bridge_utils_calculate_crc32(0, "1234", 4), "56789", 5), 0xCBF43926U);
-    EXPECT_EQ(bridge_utils_calculate_crc32(0, blob.data(), blob.size()), kes_test::reference_crc32(blob));
-}
 
 TEST(UtilsTest, ReadTextFileFillsAtMostAllButTheTerminator) {
     kes_test::TempDir dir;
@@ -31,24 +26,6 @@ TEST(UtilsTest, ReadTextFileFillsAtMostAllButTheTerminator) {
         EXPECT_EQ(bridge_utils_read_text_file_to_buf(r.path.c_str(), buf, sizeof buf), r.rc) << r.fault;
         EXPECT_TRUE(r.rc != 0 || std::string(buf) == std::string(r.len, 'k')) << r.fault;
         EXPECT_TRUE(r.rc != -ENOBUFS || buf[0] == 0) << "a cut text left in the buffer";
-    }
-}
-
-TEST(UtilsTest, HexTextToBytes) {
-    const struct { const char *text; size_t arr_sz; int rc; std::vector<uint8_t> bytes; const char *fault; } rows[] = {
-        {"00ab7FFf", 4, 0, {0x00, 0xab, 0x7f, 0xff}, "case or high nibble lost"},
-        {"", 0, 0, {}, "empty text refused"},
-        {"abc", 8, -1, {}, "odd length accepted"},
-        {"00ab", 1, -1, {}, "output overrun"},
-        {"0g", 1, -1, {}, "half a digit taken as a byte"},
-        {" 1", 1, -1, {}, "blank taken as a digit"},
-        {"0011-2", 3, -1, {}, "bad pair after good ones accepted"},
-    };
-    for (const auto &r : rows) {
-        std::vector<uint8_t> arr(r.arr_sz + 1, 0xEE); // one guard byte past the declared size
-        EXPECT_EQ(bridge_utils_hexstring_to_array(r.text, arr.data(), r.arr_sz), r.rc) << r.fault;
-        EXPECT_TRUE(r.rc != 0 || std::equal(r.bytes.begin(), r.bytes.end(), arr.begin())) << r.fault;
-        EXPECT_EQ(arr[r.arr_sz], 0xEE) << r.fault;
     }
 }
 

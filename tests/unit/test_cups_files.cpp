@@ -1,5 +1,5 @@
-// The CUPS client's files: the update's section and credentials walks, DER lengths, the backup
-// of the CUPS set, the atomic replacement (set CRC and file modes: tests/integration).
+// The CUPS client's files: the update's section and credentials walks, DER lengths, the atomic
+// replacement (the backup of the CUPS set, set CRC and file modes: tests/integration).
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -31,12 +31,7 @@ bytes sec(const bytes &content, size_t width) {
     return out + content;
 }
 
-// The test PKI, made on first use and removed at exit.
-std::string cert(const std::string &name) {
-    static kes_test::TempDir dir;
-    static const bool made = kes_test::make_certs(dir.path());
-    return made ? read_file(dir.file(name)) : "<no certificates>";
-}
+using kes_test::cert;
 bytes der(const std::string &name) { return of(cert(name)); }
 
 class CupsFiles : public ::testing::Test {
@@ -125,25 +120,6 @@ TEST_F(CupsFiles, CredentialsBlobs) {
         EXPECT_EQ(store(c.blob, false), c.rc);
         EXPECT_EQ(read_file(lns().trust) + "|" + read_file(lns().cert) + "|" + read_file(lns().key), c.files);
         EXPECT_FALSE(file_exists(cups().trust));
-    }
-}
-
-TEST_F(CupsFiles, BackupOfTheCupsSet) {
-    const struct { const char *fault; bool cert, trust_dest_missing; int rc; std::string backups; } cases[] = {
-        {"old cert backup dropped in token mode", false, false, 0, "uri|old cert|key"},
-        {"copying goes on after a failure", true, true, -ENOENT, "uri|cert|old key"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.fault);
-        fresh();
-        for (auto [path, text] : {std::pair{cups().uri, "uri"}, {cups().trust, "trust"}, {cups().key, "key"},
-                                  {cups().cert_backup, "old cert"}, {cups().key_backup, "old key"}})
-            write_file(path, text);
-        if (c.cert) write_file(cups().cert, "cert");
-        if (c.trust_dest_missing) kes_test::set_text(cups().trust_backup, tmp->file("no/such/dir"));
-        EXPECT_EQ(bridge_bstn_cups_backup_cups_set(&ctx), c.rc);
-        const bridge_bstn_cred_files b = bridge_bstn_cups_cred_files(cups(), true);
-        EXPECT_EQ(read_file(b.uri) + "|" + read_file(b.cert) + "|" + read_file(b.key), c.backups);
     }
 }
 

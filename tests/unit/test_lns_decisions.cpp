@@ -12,17 +12,13 @@
 #include "common/bridge_json_helpers.h"
 #include "common/bridge_utils.h"
 #include "converter/data/bridge_bstn_lns_internal.h"
+#include "support/test_support.h"
 
 namespace {
 
 bridge_json_ptr parse(const std::string &text) { return bridge_json_ptr(json_tokener_parse(text.c_str())); }
 
-// Member `key` of the JSON object in `text`, as text.
-std::string member(const std::string &text, const char *key) {
-    bridge_json_ptr o = parse(text);
-    json_object *v = nullptr;
-    return o && json_object_object_get_ex(o.get(), key, &v) ? json_object_get_string(v) : "<absent>";
-}
+using kes_test::member;
 
 TEST(LnsWindow, ChoiceByClassAndOfferedWindows) {
     constexpr int64_t N = -1, S = 1000000, F1 = 868100000, F2 = 869525000;
@@ -203,7 +199,7 @@ TEST_F(LnsContext, UplinkDataRateTextBecomesTableIndex) {
         std::vector<std::string> queued = take(lns.buffers.uplink_ring);
         ASSERT_EQ(queued.size(), r.index ? 1u : 0u) << r.fault;
         for (const std::string &q : queued) // no MuxTime yet: no RefTime
-            EXPECT_EQ(member(q, "DR") + member(q, "RefTime"), r.index + std::string("<absent>")) << r.fault;
+            EXPECT_EQ(member(q, "DR") + member(q, "RefTime"), r.index + std::string("<none>")) << r.fault;
     }
     // A burst of two seconds at a 16-channel gateway's ceiling fits; memory stays bounded.
     auto push = [] { return bridge_bstn_lns_uplink_push(parse(R"({"DR":"SF7BW125"})").get()); };

@@ -59,7 +59,8 @@ TEST(TranslatorDownlink, Txpk) {
         {"class A without xtime accepted", dnmsg(""), ""},
         {"class B without gpstime accepted", dnmsg(xt, 1), ""},
         {"odd pdu length accepted", dnmsg(xt, 0, "60D"), ""},
-        {"non-hex pdu accepted", dnmsg(xt, 0, "60zz"), ""},
+        {"half a digit taken as a byte", dnmsg(xt, 0, "600g"), ""},
+        {"blank taken as a digit", dnmsg(xt, 0, "60 1"), ""},
         {"dnmsg not an object", "[1]", ""},
         {"a version-1 forwarder given downlinks", dnmsg(xt), "", 1},
     };
