@@ -18,10 +18,9 @@
 namespace {
 
 using kes_test::contains;
+using kes_test::member;
 using kes_test::write_file;
 const std::string GW_EUI = "0016c001ff10a235";
-
-using kes_test::member;
 
 // Both credential sets in `dir` hold the test client files; the URI files name `uri` and `backup`.
 void configure(const kes_test::TempDir &dir, const std::string &uri, const std::string &backup) {
@@ -30,7 +29,7 @@ void configure(const kes_test::TempDir &dir, const std::string &uri, const std::
     kes_test::set_text(bridge_config_get_root()->general.fw_version, "1.7.1");
     for (std::string sfx : {"", "_backup"}) {
         write_file(dir.file("lns_uri" + sfx), sfx.empty() ? uri : backup);
-        for (auto [name, src] : {std::pair{"lns_trust", "ca.pem"}, {"lns_cert", "client.pem"}, 
+        for (auto [name, src] : {std::pair{"lns_trust", "ca.pem"}, {"lns_cert", "client.pem"},
                                  {"lns_key", "client.key"}})
             write_file(dir.file(name + sfx), kes_test::cert(src));
     }
