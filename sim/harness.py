@@ -138,12 +138,10 @@ class LnsPeer(fwd_sim.EventLog):
 class CupsPeer:
     """sim/cups_peer.py as a child; one record per request, stamped with its arrival time."""
 
-    def __init__(self, certs, *specs, extra=()):
+    def __init__(self, certs, *extra):
         cmd = [PYTHON, os.path.join(PEERS_DIR, "cups_peer.py"), "--certs", certs, *extra]
-        for spec in specs:
-            cmd += ["--respond", spec]
         self.records = []
-        self.cond = threading.Condition()
+        self.lock = threading.Lock()
         self.proc = subprocess.Popen(cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                      stderr=subprocess.DEVNULL, text=True, bufsize=1)
         line = self.proc.stdout.readline()
@@ -160,28 +158,12 @@ class CupsPeer:
             except ValueError:
                 continue
             rec["t"] = time.monotonic()
-            with self.cond:
+            with self.lock:
                 self.records.append(rec)
-                self.cond.notify_all()
 
     def requests(self):
-        with self.cond:
+        with self.lock:
             return [r for r in self.records if "method" in r]
-
-    def wait_requests(self, n, timeout):
-        """Waits until `n` requests arrived; returns the list of all requests (maybe shorter)."""
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while len([r for r in self.records if "method" in r]) < n:
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    break
-                self.cond.wait(left)
-        return self.requests()
-
-    def add(self, spec):
-        self.proc.stdin.write(spec + "\n")
-        self.proc.stdin.flush()
 
     def stop(self):
         stop_pid(self.proc)
@@ -276,7 +258,7 @@ class Stack:
         self.lns = LnsPeer(certs, *self.lns_args, on_event=self.on_lns_event)
         if self.cups_args is not None:
             args = self.cups_args(self.lns.port) if callable(self.cups_args) else self.cups_args
-            self.cups = CupsPeer(certs, extra=args)
+            self.cups = CupsPeer(certs, *args)
         self.bridge = Bridge(self.tmp, certs, self.lns_set and self.lns.port, free_udp_port(), level=self.level,
                              cups_port=self.cups and self.cups.port, wrapper=self.wrapper)
         self.fwd = fwd_sim.FwdSim(self.bridge.bind_port, on_event=self.on_fwd_event, stock=self.fwd_stock).start()
