@@ -192,7 +192,6 @@ class Bridge:
 
     def __init__(self, workdir, certs, lns_port, bind_port, level=4, log_path=None, general=None, cups_port=None,
                  wrapper=()):
-        self.workdir = workdir
         self.bind_port = bind_port
         self.log_path = log_path or os.path.join(workdir, "kes_bstn.log")
         uris = {"cups": cups_port and "https://127.0.0.1:%d/\n" % cups_port,
@@ -211,11 +210,11 @@ class Bridge:
                         with open(path, "w") as f:
                             f.write(uris[side])
                     toml.append("%s = %s" % (key, json.dumps(path)))
-        self.config = os.path.join(workdir, "kes_bstn.toml")
-        with open(self.config, "w") as f:
+        config = os.path.join(workdir, "kes_bstn.toml")
+        with open(config, "w") as f:
             f.write("\n".join(toml) + "\n[semtech]\nbind_port = %d\n" % bind_port)
         self.log = open(self.log_path, "w")
-        self.proc = subprocess.Popen([*wrapper, bridge_binary(), "-d", "-v", str(level), "-c", self.config],
+        self.proc = subprocess.Popen([*wrapper, bridge_binary(), "-d", "-v", str(level), "-c", config],
                                      stdin=subprocess.DEVNULL, stdout=self.log, stderr=subprocess.STDOUT)
 
     def log_text(self):
