@@ -32,7 +32,7 @@ status=0
 summary=()
 for n in "${counts[@]}"; do
   echo "== $tool: $n supervision pass(es)"
-  /usr/bin/python3 "$root/tests/slow/leak_passes.py" --bin "$build/kes_bstn" --tool "$tool" \
+  /usr/bin/python3 "$root/bench/leak_passes.py" --bin "$build/kes_bstn" --tool "$tool" \
     --passes "$n" --out "$out/$tool-$n.txt" >"$out/$tool-$n.log" 2>&1 || status=1
   cat "$out/$tool-$n.log"
   line=$(grep '^PASSES' "$out/$tool-$n.log") || { status=1; continue; }

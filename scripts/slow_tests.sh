@@ -13,7 +13,7 @@ case "$build" in /*) ;; *) build="$root/$build" ;; esac
 cmake -S "$root" -B "$build" -DKES_BUILD_BENCH=OFF >/dev/null || exit 1
 cmake --build "$build" --target kes_bstn -j2 >/dev/null || exit 1
 
-export KES_BSTN_BIN="$build/kes_bstn" KES_SOURCE_DIR="$root" PYTHONDONTWRITEBYTECODE=1
+export KES_BSTN_BIN="$build/kes_bstn" KES_SOURCE_DIR="$root" PYTHONPATH="$root/sim" PYTHONDONTWRITEBYTECODE=1
 tests=("$@")
 [ ${#tests[@]} -eq 0 ] && tests=($(cd "$root/tests/slow" && ls test_*.py))
 status=0

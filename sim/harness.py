@@ -1,9 +1,11 @@
-"""Shared helpers of the end-to-end tests, the demo and the benchmark.
+"""Shared helpers of the end-to-end tests, the slow tests, the demo, the benchmarks and the leak driver.
 
-They run the real kes_bstn daemon (KES_BSTN_BIN) against the Python LNS peer
-(sim/lns_peer.py) and the packet-forwarder simulator (sim/fwd_sim.py),
-all on 127.0.0.1, with throw-away certificates and a generated TOML configuration.
-Every process started here is ended by its PID.
+They run the real kes_bstn daemon (KES_BSTN_BIN) against the Python LNS peer (sim/lns_peer.py), the
+CUPS peer (sim/cups_peer.py) and the packet-forwarder simulator (sim/fwd_sim.py), all on 127.0.0.1,
+with throw-away certificates and a generated TOML configuration. Every process started here is ended
+by its PID. CTest and scripts/slow_tests.sh put sim/ on PYTHONPATH; one test by hand:
+
+    PYTHONPATH=sim KES_BSTN_BIN=build/kes_bstn /usr/bin/python3 tests/e2e/test_fault_lns.py
 """
 
 import json
@@ -136,12 +138,10 @@ class LnsPeer(fwd_sim.EventLog):
 class CupsPeer:
     """sim/cups_peer.py as a child; one record per request, stamped with its arrival time."""
 
-    def __init__(self, certs, *specs, extra=()):
+    def __init__(self, certs, *extra):
         cmd = [PYTHON, os.path.join(PEERS_DIR, "cups_peer.py"), "--certs", certs, *extra]
-        for spec in specs:
-            cmd += ["--respond", spec]
         self.records = []
-        self.cond = threading.Condition()
+        self.lock = threading.Lock()
         self.proc = subprocess.Popen(cmd, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                      stderr=subprocess.DEVNULL, text=True, bufsize=1)
         line = self.proc.stdout.readline()
@@ -158,64 +158,63 @@ class CupsPeer:
             except ValueError:
                 continue
             rec["t"] = time.monotonic()
-            with self.cond:
+            with self.lock:
                 self.records.append(rec)
-                self.cond.notify_all()
 
     def requests(self):
-        with self.cond:
+        with self.lock:
             return [r for r in self.records if "method" in r]
-
-    def wait_requests(self, n, timeout):
-        """Waits until `n` requests arrived; returns the list of all requests (maybe shorter)."""
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while len([r for r in self.records if "method" in r]) < n:
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    break
-                self.cond.wait(left)
-        return self.requests()
-
-    def add(self, spec):
-        self.proc.stdin.write(spec + "\n")
-        self.proc.stdin.flush()
 
     def stop(self):
         stop_pid(self.proc)
 
 
-class Bridge:
-    """The kes_bstn daemon with a generated configuration; its log goes to a file."""
+RESTART = "restarting Basic Station in 20 seconds..."
 
-    def __init__(self, workdir, certs, lns_port, bind_port, level=4, log_path=None, general=None):
-        self.workdir = workdir
+
+def dnmsg(diid, xtime, **extra):
+    """A class-A dnmsg on RX1 (DR 5 = SF7BW125 in the LNS peer's router_config)."""
+    return {"msgtype": "dnmsg", "DevEui": "00-00-00-00-00-00-00-01", "dC": 0, "diid": diid, "pdu": "0a0b0c0d",
+            "RxDelay": 1, "RX1DR": 5, "RX1Freq": 868100000, "priority": 0, "xtime": xtime, "rctx": 0, **extra}
+
+
+def traffic_connections(lns, start=0):
+    return lns.find(lambda e: e.get("event") == "connected" and e.get("kind") == "traffic", start)
+
+
+class Bridge:
+    """The kes_bstn daemon with a generated configuration; its log goes to a file.
+
+    Every credential file is named `<side>.<key>` in `workdir`. A side with a port (`lns_port`,
+    `cups_port`) gets its URI files and a copy of the test CA and client pair, main and backup alike;
+    a side without one names files that do not exist. Without `cups_port` the daemon skips CUPS.
+    `wrapper` runs the daemon under another program (valgrind)."""
+
+    def __init__(self, workdir, certs, lns_port, bind_port, level=4, log_path=None, general=None, cups_port=None,
+                 wrapper=()):
         self.bind_port = bind_port
         self.log_path = log_path or os.path.join(workdir, "kes_bstn.log")
-        lns_uri = os.path.join(workdir, "lns.uri")
-        with open(lns_uri, "w") as f:
-            f.write("wss://127.0.0.1:%d\n" % lns_port)
-        c = lambda name: os.path.join(certs, name)  # noqa: E731
-        cfg = {
-            "general": {"gw_eui": GW_EUI, "name": "kes-e2e", "fw_version": "1.7.1", "model": "e2e",
-                        "package": "1.7.1", "skip_cups": True, **(general or {})},
-            "cups": {k: os.path.join(workdir, "cups." + k) for k in
-                     ("uri", "uri_backup", "trust", "trust_backup", "cert", "cert_backup", "key",
-                      "key_backup")},
-            "lns": {"uri": lns_uri, "uri_backup": lns_uri, "trust": c("ca.pem"), "trust_backup": c("ca.pem"),
-                    "cert": c("client.pem"), "cert_backup": c("client.pem"), "key": c("client.key"),
-                    "key_backup": c("client.key")},
-        }
-        self.config = os.path.join(workdir, "kes_bstn.toml")
-        with open(self.config, "w") as f:
-            for section, entries in cfg.items():
-                f.write("[%s]\n" % section)
-                for k, v in entries.items():
-                    f.write("%s = %s\n" % (k, "true" if v is True else json.dumps(v)))
-                f.write("\n")
-            f.write("[semtech]\nbind_port = %d\n" % bind_port)
+        uris = {"cups": cups_port and "https://127.0.0.1:%d/\n" % cups_port,
+                "lns": lns_port and "wss://127.0.0.1:%d\n" % lns_port}
+        toml = ["[general]", 'gw_eui = "%s"' % GW_EUI, 'name = "kes-e2e"', 'fw_version = "1.7.1"', 'model = "e2e"',
+                'package = "1.7.1"', "skip_cups = %s" % ("false" if cups_port else "true")]
+        toml += ["%s = %s" % (k, json.dumps(v)) for k, v in (general or {}).items()]
+        for side in ("cups", "lns"):
+            toml.append("[%s]" % side)
+            for item, src in (("uri", None), ("trust", "ca.pem"), ("cert", "client.pem"), ("key", "client.key")):
+                for key in (item, item + "_backup"):
+                    path = os.path.join(workdir, "%s.%s" % (side, key))
+                    if uris[side] and src:
+                        shutil.copy(os.path.join(certs, src), path)
+                    elif uris[side]:
+                        with open(path, "w") as f:
+                            f.write(uris[side])
+                    toml.append("%s = %s" % (key, json.dumps(path)))
+        config = os.path.join(workdir, "kes_bstn.toml")
+        with open(config, "w") as f:
+            f.write("\n".join(toml) + "\n[semtech]\nbind_port = %d\n" % bind_port)
         self.log = open(self.log_path, "w")
-        self.proc = subprocess.Popen([bridge_binary(), "-d", "-v", str(level), "-c", self.config],
+        self.proc = subprocess.Popen([*wrapper, bridge_binary(), "-d", "-v", str(level), "-c", config],
                                      stdin=subprocess.DEVNULL, stdout=self.log, stderr=subprocess.STDOUT)
 
     def log_text(self):
@@ -234,40 +233,52 @@ class Bridge:
 
 
 class Stack:
-    """Certificates, LNS peer, bridge and forwarder simulator, ready for uplinks.
+    """Certificates, LNS peer, optional CUPS peer, bridge and forwarder simulator.
 
-    `up()` returns once an uplink went all the way to the LNS, so tests start on a
-    synchronised time base and a completed LNS handshake."""
+    `cups_args` are the CUPS peer's arguments (or a function of the LNS peer's port giving them); without
+    them there is no CUPS peer and the bridge skips CUPS. `lns_set=False` leaves the bridge without LNS
+    credentials (CUPS must provide them). `launch()` starts everything; `ready()` returns once an uplink
+    went all the way to the LNS, so tests start on a synchronised time base and a completed LNS handshake;
+    `up()` does both."""
 
-    def __init__(self, lns_args=(), level=4, fwd_version=2, keep=False, on_lns_event=None, on_fwd_event=None,
-                 workdir=None, fwd_stock=False):
-        self.tmp = workdir or tempfile.mkdtemp(prefix="kes_e2e_")
-        self.keep = keep
-        self.lns_args = lns_args
-        self.level = level
-        self.fwd_version = fwd_version
-        self.on_lns_event = on_lns_event
-        self.on_fwd_event = on_fwd_event
-        self.fwd_stock = fwd_stock
-        self.lns = self.bridge = self.fwd = None
+    def __init__(self, lns_args=(), level=4, on_lns_event=None, on_fwd_event=None, fwd_stock=False, cups_args=None,
+                 lns_set=True, wrapper=()):
+        self.tmp = tempfile.mkdtemp(prefix="kes_e2e_")
+        self.keep = False
+        self.lns_args, self.level, self.wrapper = lns_args, level, wrapper
+        self.cups_args, self.lns_set = cups_args, lns_set
+        self.on_lns_event, self.on_fwd_event, self.fwd_stock = on_lns_event, on_fwd_event, fwd_stock
+        self.lns = self.cups = self.bridge = self.fwd = None
         self.fcnt = 0
 
-    def up(self, timeout=30.0, pull=True, sync=True):
+    def launch(self):
         certs = os.path.join(self.tmp, "certs")
         make_certs(certs)
         self.lns = LnsPeer(certs, *self.lns_args, on_event=self.on_lns_event)
-        port = free_udp_port()
-        self.bridge = Bridge(self.tmp, certs, self.lns.port, port, level=self.level)
-        self.fwd = fwd_sim.FwdSim(port, version=self.fwd_version, on_event=self.on_fwd_event,
-                                  stock=self.fwd_stock).start()
-        if not self.lns.wait_for(lambda e: e.get("event") == "sent" and isinstance(e.get("msg"), dict)
-                                 and e["msg"].get("msgtype") == "router_config", timeout):
+        if self.cups_args is not None:
+            args = self.cups_args(self.lns.port) if callable(self.cups_args) else self.cups_args
+            self.cups = CupsPeer(certs, *args)
+        self.bridge = Bridge(self.tmp, certs, self.lns_set and self.lns.port, free_udp_port(), level=self.level,
+                             cups_port=self.cups and self.cups.port, wrapper=self.wrapper)
+        self.fwd = fwd_sim.FwdSim(self.bridge.bind_port, on_event=self.on_fwd_event, stock=self.fwd_stock).start()
+        return self
+
+    def handshake(self, timeout, start=0):
+        """The first router_config the LNS peer sent after its event `start`, or None after `timeout` s."""
+        return self.lns.wait_for(lambda e: e.get("event") == "sent" and isinstance(e.get("msg"), dict)
+                                 and e["msg"].get("msgtype") == "router_config", timeout, start)
+
+    def ready(self, timeout=30.0, start=0, pull=True, sync=True):
+        if not self.handshake(timeout, start):
             raise RuntimeError("bridge did not complete the LNS handshake; log: " + self.bridge.log_path)
         if sync:
             self.sync(timeout)
         if pull:
             self.pull()
         return self
+
+    def up(self, timeout=30.0, pull=True, sync=True):
+        return self.launch().ready(timeout, pull=pull, sync=sync)
 
     def sync(self, timeout=15.0):
         """Sends stat until the bridge acknowledges one and an uplink reaches the LNS (the LNS
@@ -306,8 +317,23 @@ class Stack:
         ev["fcnt"] = self.fcnt
         return ev
 
+    def uplink_and_downlink(self, diid, timeout=10.0):
+        """One uplink to the LNS and one downlink (RX1, 1 s after it) to the forwarder on the running
+        session. Returns (uplink at the LNS, PULL_RESP at the forwarder)."""
+        mark = self.lns.mark()
+        sent = self.uplink()
+        check(self.acked(sent, timeout), "uplink FCnt %d not acknowledged" % sent["fcnt"])
+        up = self.lns_uplink(sent, timeout, mark)
+        check(up, "uplink FCnt %d did not reach the LNS" % sent["fcnt"])
+        fmark = self.fwd.mark()
+        self.lns.send(dnmsg(diid, up["upinfo"]["xtime"]))
+        resp = self.fwd.wait_for(lambda e: e.get("kind") == "pull_resp", timeout, fmark)
+        check(resp and resp.get("json", {}).get("txpk", {}).get("tmst") == (sent["tmst"] + 1_000_000) & 0xFFFFFFFF,
+              "downlink %d did not reach the forwarder: %r" % (diid, resp))
+        return up, resp
+
     def down(self):
-        for part in (self.fwd, self.bridge, self.lns):
+        for part in (self.fwd, self.bridge, self.cups, self.lns):
             if part is not None:
                 try:
                     part.stop()
@@ -317,8 +343,9 @@ class Stack:
             shutil.rmtree(self.tmp, ignore_errors=True)
 
 
-def run_tests(tests, stack=None):
-    """Runs the test functions in order, prints one line each, exits non-zero on any failure."""
+def run_tests(tests, stacks=()):
+    """Runs the test functions in order, prints one line each, takes the stacks (one or a list) down
+    (kept on disk if a test failed) and exits non-zero on any failure."""
     failed = []
     for test in tests:
         start = time.monotonic()
@@ -329,10 +356,10 @@ def run_tests(tests, stack=None):
             failed.append(test.__name__)
             print("FAIL %-55s %5.1fs" % (test.__name__, time.monotonic() - start), flush=True)
             traceback.print_exc()
-    if failed and stack is not None and stack.bridge is not None:
-        stack.keep = True
-        print("bridge log kept: %s" % stack.bridge.log_path)
-    if stack is not None:
+    for stack in stacks if isinstance(stacks, (list, tuple)) else [stacks]:
+        if failed and stack.bridge is not None:
+            stack.keep = True
+            print("bridge log kept: %s" % stack.bridge.log_path)
         stack.down()
     print("%d of %d passed" % (len(tests) - len(failed), len(tests)))
     sys.exit(1 if failed else 0)

@@ -2,13 +2,10 @@
 """End to end, uplink side: a stock packet forwarder (no stat count, batches of up to 8 rxpk)
 -> kes_bstn -> LNS peer, versions 1 and 2, across a counter wrap."""
 
-import os
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "sim"))
-import harness as e2e  # noqa: E402
-from harness import check  # noqa: E402
+import harness as e2e
+from harness import check
 
 fwd_sim = e2e.fwd_sim
 stack = e2e.Stack(fwd_stock=True)

@@ -1,25 +1,37 @@
 #!/usr/bin/python3
-"""Fault of the CUPS peer: a 200 answer that is no valid update ends the supervision pass before the
-LNS is contacted. Retry rhythm: tests/integration; the 20 s restart: tests/slow/."""
-import os
-import sys
+"""End to end with the CUPS peer. Zero-touch provisioning: with only its CUPS set, the daemon gets the LNS
+URI, certificate and key from the CUPS peer (which, like the reference server, answers 500 to a request
+without tcUri), says so, and holds a session with the LNS peer, which demands that certificate (proving
+the key). A 200 answer that is no valid update ends the pass before the LNS is contacted. Retry rhythm:
+tests/integration; the 20 s restart and the 60 s transfer limit: tests/slow/."""
+import json
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path[:0] = [HERE, os.path.join(HERE, "..", "..", "sim")]
-import fault_support as fs  # noqa: E402
-from harness import check  # noqa: E402
+import harness as e2e
+from harness import check
 
-st = fs.FaultStack(cups_specs=['{"hex": "ff41424300000000000000000000"}'], prefix="kes_fault_cups_")
+UPDATE = {"lns_creds": {"trust": "ca.der", "cert": "client_ec.der", "key": "client_ec.key.der"}}
+fresh = e2e.Stack(lns_args=("--auth", "cert"), lns_set=False, cups_args=lambda lns_port: [
+    "--require-cert", "--respond", json.dumps({"lns_uri": "wss://127.0.0.1:%d" % lns_port, **UPDATE})])
+invalid = e2e.Stack(cups_args=["--respond", '{"hex": "ff41424300000000000000000000"}'])
+
+
+def test_fresh_gateway_is_provisioned_into_an_lns_session():
+    fresh.launch().ready(30)  # an uplink reaches the LNS with the provisioned credentials
+    statuses = [r["status"] for r in fresh.cups.requests()]
+    check(statuses == [200], "CUPS answers %s" % statuses)
+    check("CUPS answered: updated LNS URI, LNS credentials" in fresh.bridge.log_text(), "no CUPS milestone line")
+    check(fresh.bridge.alive(), "the bridge exited")
 
 
 def test_cups_answers_with_an_invalid_body():
-    st.launch()
-    check(st.bridge.wait_log(fs.RESTART, 15), "no restart line")
-    check("non-critical error raised: [0]" not in st.bridge.log_text(), "the failed update counted as success")
-    check(len(st.cups.requests()) == 1, "CUPS retried inside the pass")
-    check(not st.lns.find(lambda e: e.get("event") == "connected"), "LNS contacted after a failed update")
-    check(st.bridge.alive(), "bridge exited")
+    invalid.launch()
+    check(invalid.bridge.wait_log(e2e.RESTART, 15), "no restart line")
+    check("non-critical error raised: [0]" not in invalid.bridge.log_text(), "the failed update counted as success")
+    check(len(invalid.cups.requests()) == 1, "CUPS retried inside the pass")
+    check(not invalid.lns.find(lambda e: e.get("event") == "connected"), "LNS contacted after a failed update")
+    check(invalid.bridge.alive(), "bridge exited")
 
 
 if __name__ == "__main__":
-    fs.run_tests([test_cups_answers_with_an_invalid_body], [st])
+    e2e.run_tests([test_fresh_gateway_is_provisioned_into_an_lns_session, test_cups_answers_with_an_invalid_body],
+                  [fresh, invalid])

@@ -8,6 +8,7 @@ import shutil
 import subprocess
 import tempfile
 import unittest
+from pathlib import Path
 
 BIN = os.path.realpath(os.environ.get("KES_BSTN_BIN", "build/kes_bstn"))
 STATE, CONFIG, USER = "/var/lib/kes_bstn", "/etc/kes_bstn/kes_bstn.toml", "kes_bstn"
@@ -21,27 +22,6 @@ def sh(*args, check=True, **kw):
     return r
 
 
-def first_pass(argv, timeout=10):
-    """Standard error of the daemon until its first pass failed (or `timeout` s)."""
-    p = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    out = ""
-    try:
-        for line in p.stderr:
-            out += line
-            if "restarting Basic Station in 20 seconds..." in line:
-                break
-    finally:
-        p.terminate()
-        p.wait(timeout)
-        p.stderr.close()
-    return out
-
-
-def read(path):
-    with open(path) as f:
-        return f.read()
-
-
 def names(depends):
     return [[re.sub(r"\s*\(.*\)|:\w+", "", a).strip() for a in clause.split("|")] for clause in depends.split(",")]
 
@@ -50,12 +30,12 @@ class Package(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.tmp = tempfile.mkdtemp(prefix="kes-pkg-")
-        build, cls.root = os.path.dirname(BIN), os.path.join(cls.tmp, "root")
-        sh("cpack", "-G", "DEB", "--config", os.path.join(build, "CPackConfig.cmake"), "-B", cls.tmp, cwd=build)
-        cls.deb = os.path.join(cls.tmp, "kes-bstn_%s_%s.deb" % (sh(BIN, "--version").stdout.split()[1],
-                                                               sh("dpkg", "--print-architecture").stdout.strip()))
+        build, cls.root, cls.control = os.path.dirname(BIN), cls.tmp + "/root", Path(cls.tmp, "control")
+        sh("cpack", "-G", "DEB", "--config", build + "/CPackConfig.cmake", "-B", cls.tmp, cwd=build)
+        cls.deb = "%s/kes-bstn_%s_%s.deb" % (cls.tmp, sh(BIN, "--version").stdout.split()[1],
+                                             sh("dpkg", "--print-architecture").stdout.strip())
         sh("dpkg", "-x", cls.deb, cls.root)
-        sh("dpkg-deb", "-e", cls.deb, os.path.join(cls.tmp, "control"))
+        sh("dpkg-deb", "-e", cls.deb, str(cls.control))
 
     @classmethod
     def tearDownClass(cls):
@@ -81,34 +61,40 @@ class Package(unittest.TestCase):
     def test_files_modes_conffile_and_maintainer_scripts(self):
         entries = {l.split()[-1].rstrip("/").lstrip("."): l.split()[:2]
                    for l in sh("dpkg-deb", "-c", self.deb).stdout.splitlines()}
-        doc = "/usr/share/doc/kes-bstn/"
-        expected = {"/usr/bin/kes_bstn": "-rwxr-xr-x", CONFIG: "-rw-r--r--", STATE: "drwx------", UNIT: "-rw-r--r--",
-                    doc + "operator-guide.md": "-rw-r--r--", doc + "changelog.gz": "-rw-r--r--",
-                    "/usr/share/lintian/overrides/kes-bstn": "-rw-r--r--",
-                    "/usr/share/man/man8/kes_bstn.8.gz": "-rw-r--r--"}
+        doc, rw = "/usr/share/doc/kes-bstn/", "-rw-r--r--"
+        expected = {"/usr/bin/kes_bstn": "-rwxr-xr-x", CONFIG: rw, STATE: "drwx------", UNIT: rw,
+                    doc + "operator-guide.md": rw, doc + "changelog.gz": rw, "/usr/share/man/man8/kes_bstn.8.gz": rw,
+                    "/usr/share/lintian/overrides/kes-bstn": rw}
         self.assertEqual({p: entries.get(p) for p in expected}, {p: [m, "root/root"] for p, m in expected.items()})
         self.assertEqual({p for p, (m, _) in entries.items() if m[0] != "d"},
                          {p for p, m in expected.items() if m[0] != "d"}, "a file shipped by mistake")
-        control = os.path.join(self.tmp, "control")
-        self.assertEqual(read(os.path.join(control, "conffiles")).split(), [CONFIG])
+        self.assertEqual((self.control / "conffiles").read_text().split(), [CONFIG])
         for script in ("postinst", "prerm", "postrm"):
-            self.assertEqual(os.stat(os.path.join(control, script)).st_mode & 0o777, 0o755, script)
-            sh("sh", "-n", os.path.join(control, script))
-        self.assertIn("user=%s\n" % USER, read(os.path.join(control, "postinst")), "the unit's user not created")
+            self.assertEqual((self.control / script).stat().st_mode & 0o777, 0o755, script)
+            sh("sh", "-n", str(self.control / script))
+        self.assertIn("user=%s\n" % USER, (self.control / "postinst").read_text(), "the unit's user not created")
 
     def test_daemon_starts_from_the_shipped_configuration(self):
-        text = read(self.root + CONFIG)
+        text = Path(self.root + CONFIG).read_text()
         paths = re.findall(r'^\w+ = "(/[^"]*)"', text, re.M)
         self.assertEqual(len(set(paths)), 16, "a credential key missing or two naming one file")
         self.assertEqual({os.path.dirname(p) for p in paths}, {STATE}, "a credential outside the state folder")
         if os.path.exists(STATE + "/cups.key"):
             self.skipTest("this machine is provisioned")
-        daemon = self.root + "/usr/bin/kes_bstn"
+        daemon, config = self.root + "/usr/bin/kes_bstn", Path(self.tmp, "kes_bstn.toml")
         self.assertEqual(sh(daemon, "-d", "-c", self.root + CONFIG, check=False).returncode, 1, "empty gw_eui accepted")
-        config = os.path.join(self.tmp, "kes_bstn.toml")
-        with open(config, "w") as f:
-            f.write(text.replace('gw_eui = ""', 'gw_eui = "00-16-c0-01-ff-10-a2-35"'))
-        out = first_pass([daemon, "-d", "-c", config])
+        config.write_text(text.replace('gw_eui = ""', 'gw_eui = "00-16-c0-01-ff-10-a2-35"'))
+        # The first pass fails at once for want of CUPS credentials; the daemon then pauses.
+        p = subprocess.Popen([daemon, "-d", "-c", str(config)], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                             text=True)
+        out = ""
+        try:
+            while "restarting Basic Station in 20 seconds..." not in out and (line := p.stderr.readline()):
+                out += line
+        finally:
+            p.terminate()
+            p.wait(10)
+            p.stderr.close()
         self.assertIn("missing mandatory key file %s/cups.key from main set" % STATE, out)
 
     def test_service_unit(self):
@@ -121,10 +107,9 @@ class Package(unittest.TestCase):
                          ("/usr/bin/kes_bstn -c " + CONFIG, STATE, USER, USER, "always"))
         if not shutil.which("systemd-analyze"):
             self.skipTest("systemd-analyze not available")
-        check = os.path.join(self.tmp, "kes_bstn.service")
-        with open(check, "w") as f:  # systemd checks that the executable exists: the unpacked copy
-            f.write(read(self.root + UNIT).replace("ExecStart=/", "ExecStart=%s/" % self.root))
-        self.assertEqual(sh("systemd-analyze", "verify", check, check=False).stderr, "", "systemd refuses a line")
+        check = Path(self.tmp, "kes_bstn.service")  # systemd checks that the executable exists: the unpacked copy
+        check.write_text(Path(self.root + UNIT).read_text().replace("ExecStart=/", "ExecStart=%s/" % self.root))
+        self.assertEqual(sh("systemd-analyze", "verify", str(check), check=False).stderr, "", "systemd refuses a line")
         r = sh("systemd-analyze", "security", "--offline=yes", "--no-pager", self.root + UNIT, check=False)
         level = re.search(r"Overall exposure level for kes_bstn.service: ([0-9.]+)", r.stdout + r.stderr)
         self.assertLessEqual(float(level.group(1)), 2.0, "privileges widened")  # 0 locked down .. 10 none

@@ -15,10 +15,9 @@ import subprocess
 import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path[:0] = [os.path.join(HERE, "..", "e2e"), os.path.join(HERE, "..", "..", "sim")]
-import fault_support as fs  # noqa: E402
-from harness import check  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "sim"))
+import harness as e2e  # noqa: E402
+from harness import RESTART, check  # noqa: E402
 
 CANARY = 4242
 ENDINGS = [{"cmd": "close"}, {"cmd": "send_raw", "text": "not JSON at all"},
@@ -58,18 +57,18 @@ def main():
                    "--log-file=" + args.out)
     else:
         os.environ["ASAN_OPTIONS"] = "detect_leaks=1:log_path=" + args.out
-    st = fs.FaultStack(cups_specs=["empty"], level=3, prefix="kes_leak_", wrapper=wrapper)
+    st = e2e.Stack(cups_args=["--respond", "empty"], level=3, wrapper=wrapper)
     ok = False
     try:
         st.launch()
         for n in range(1, args.passes + 1):
             st.ready(120, st.lns.mark())   # slow under the checker
-            fs.uplink_and_downlink(st, n, timeout=20)
+            st.uplink_and_downlink(n, timeout=20)
             st.lns.command(**ENDINGS[(n - 1) % len(ENDINGS)])
-            check(st.bridge.wait_log(fs.RESTART, 60, count=n), "pass %d did not end" % n)
+            check(st.bridge.wait_log(RESTART, 60, count=n), "pass %d did not end" % n)
             print("pass %d done (ended by %s)" % (n, ENDINGS[(n - 1) % len(ENDINGS)]["cmd"]), flush=True)
         time.sleep(2.0)   # the pass is torn down before the restart line; settle inside the pause
-        check(st.bridge.log_text().count(fs.RESTART) == args.passes, "an unexpected pass ended")
+        check(st.bridge.log_text().count(RESTART) == args.passes, "an unexpected pass ended")
         if args.tool == "valgrind":
             os.kill(st.bridge.proc.pid, signal.SIGTERM)
         else:
