@@ -242,12 +242,13 @@ class Stack:
     `up()` does both."""
 
     def __init__(self, lns_args=(), level=4, on_lns_event=None, on_fwd_event=None, fwd_stock=False, cups_args=None,
-                 lns_set=True, wrapper=()):
+                 lns_set=True, wrapper=(), fwd_counter=None):
         self.tmp = tempfile.mkdtemp(prefix="kes_e2e_")
         self.keep = False
         self.lns_args, self.level, self.wrapper = lns_args, level, wrapper
         self.cups_args, self.lns_set = cups_args, lns_set
         self.on_lns_event, self.on_fwd_event, self.fwd_stock = on_lns_event, on_fwd_event, fwd_stock
+        self.fwd_counter = fwd_counter  # the forwarder's first concentrator count (None: random)
         self.lns = self.cups = self.bridge = self.fwd = None
         self.fcnt = 0
 
@@ -260,7 +261,8 @@ class Stack:
             self.cups = CupsPeer(certs, *args)
         self.bridge = Bridge(self.tmp, certs, self.lns_set and self.lns.port, free_udp_port(), level=self.level,
                              cups_port=self.cups and self.cups.port, wrapper=self.wrapper)
-        self.fwd = fwd_sim.FwdSim(self.bridge.bind_port, on_event=self.on_fwd_event, stock=self.fwd_stock).start()
+        self.fwd = fwd_sim.FwdSim(self.bridge.bind_port, on_event=self.on_fwd_event, stock=self.fwd_stock,
+                                  counter_start=self.fwd_counter).start()
         return self
 
     def handshake(self, timeout, start=0):
