@@ -32,10 +32,12 @@ uint32_t epoch_of(uint64_t base) {
 
 } // namespace
 
-uint64_t bridge_xtime_initial_base(int draw) {
-    uint64_t epoch = static_cast<uint64_t>(draw) & XTIME_EPOCH_MAX;
+uint64_t bridge_xtime_initial_base(int draw, uint32_t previous_epoch) {
+    uint32_t epoch = static_cast<uint32_t>(draw) & XTIME_EPOCH_MAX;
     if (epoch == 0) epoch = 1; // 0 is the xtime error value, so never epoch 0
-    return epoch << XTIME_EPOCH_SHIFT;
+    // A restart must not hand the LNS times that compare with those of the run before it.
+    if (epoch == previous_epoch) epoch = bridge_xtime_next_epoch(epoch);
+    return static_cast<uint64_t>(epoch) << XTIME_EPOCH_SHIFT;
 }
 
 uint32_t bridge_xtime_next_epoch(uint32_t epoch) {
@@ -84,7 +86,7 @@ int64_t bridge_rx_delay_us(int64_t rx_delay) {
 
 int bridge_bstn_xtime_init() {
     srand(static_cast<unsigned>(time(NULL)));
-    bstn_xtime = {bridge_xtime_initial_base(rand()), 0, false};
+    bstn_xtime = {bridge_xtime_initial_base(rand(), epoch_of(bstn_xtime.base)), 0, false};
     LOG_INFO("bstn xtime init to: %lld", (long long)bstn_xtime.base);
     return 0;
 }

@@ -75,8 +75,9 @@ constexpr int64_t BRIDGE_XTIME_AHEAD_TOLERANCE_US = 5000000;
 constexpr int64_t BRIDGE_XTIME_BEHIND_TOLERANCE_US = 10000000;
 
 // Base right after initialisation for one random draw: its low 8 bits are the
-// epoch number, a draw of 0 becomes epoch 1.
-uint64_t bridge_xtime_initial_base(int draw);
+// epoch number, a draw of 0 becomes epoch 1, and a draw of the epoch in use before
+// (0: none) becomes the one after it.
+uint64_t bridge_xtime_initial_base(int draw, uint32_t previous_epoch);
 // The epoch after `epoch` (1..255, never 0).
 uint32_t bridge_xtime_next_epoch(uint32_t epoch);
 // Takes one observation of the concentrator counter made at local time `now_us`.

@@ -47,8 +47,14 @@ TEST(TranslatorXtime, ObserveAndFirstEpoch) {
         EXPECT_EQ(s.base, r.base_after ? r.base_after : r.xtime);
         EXPECT_TRUE(s.synced);
     }
-    EXPECT_EQ(bridge_xtime_initial_base(0), 1ull << 48) << "a draw of 0 gives epoch 0 (xtime 0 is the error value)";
-    EXPECT_EQ(bridge_xtime_initial_base(0x12345), 0x45ull << 48) << "bits above the low 8 leak into the epoch";
+    const struct { int draw; uint32_t previous; uint64_t base; const char *fault; } starts[] = {
+        {0, 0, 1ull << 48, "a draw of 0 gives epoch 0 (xtime 0 is the error value)"},
+        {0x12345, 0, 0x45ull << 48, "bits above the low 8 leak into the epoch"},
+        {0x2A, 0x2A, 0x2Bull << 48, "a restart draws the epoch of the run before it"},
+        {0, 1, 2ull << 48, "a draw of 0 after epoch 1 repeats it"},
+        {0xFF, 0xFF, 1ull << 48, "epoch after 255 is 0"},
+    };
+    for (const auto &s : starts) EXPECT_EQ(bridge_xtime_initial_base(s.draw, s.previous), s.base) << s.fault;
 }
 
 } // namespace
