@@ -54,14 +54,8 @@ done
 need=()
 command -v "$triple-g++" >/dev/null || need+=("g++-$triple")
 command -v "$qemu" >/dev/null || need+=(qemu-user)
-if [ "${#need[@]}" -gt 0 ]; then
-  echo "installing: ${need[*]}" >&2
-  sudo=""
-  [ "$(id -u)" -eq 0 ] || sudo="sudo"
-  export DEBIAN_FRONTEND=noninteractive
-  $sudo apt-get update -qq || true
-  $sudo apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
-fi
+# The native packages come along: the cross build runs the same CMake and test tools.
+[ "${#need[@]}" -eq 0 ] || KES_EXTRA_PKGS="${need[*]}" "$repo/scripts/install_deps.sh"
 
 "$repo/scripts/cross_sysroot.sh" "$arch" "$sysroot"
 
