@@ -44,6 +44,7 @@ SPEC is one of:
                         the key by the raw text. Absent object: empty section.
                     "sig", "blob": hex bytes for sections 5 and 6 (default empty)
                     "hex": the whole body as hex, used verbatim instead of the above
+                    "unannounced": true: no Content-Length, the body ends with the connection
 
 Output: "READY <port>" once listening on 127.0.0.1, then one JSON line per request:
   {"method", "path", "headers": {"content-type", "authorization", <token header>},
@@ -150,9 +151,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         return True
 
     def answer(self, status, body=b"", length=None):
+        """`length`: the Content-Length announced; None: the body's; False: none."""
         self.send_response(status)
         self.send_header("Content-Type", "application/octet-stream")
-        self.send_header("Content-Length", str(len(body) if length is None else length))
+        if length is not False:
+            self.send_header("Content-Length", str(len(body) if length is None else length))
         self.send_header("Connection", "close")
         self.end_headers()
         self.wfile.write(body)
@@ -202,6 +205,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return
         spec = self.server.script.next()
         record["status"] = spec if spec in ("truncated", "close", "trickle") else None
+        length = None
         if spec == "empty":
             status, payload = 200, bytes(14)
         elif spec == "truncated":
@@ -217,12 +221,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.trickle(bytes(14))
             return
         elif spec.startswith("{"):
-            status, payload = 200, build_update(opts.certs, json.loads(spec))
+            update = json.loads(spec)
+            status, payload = 200, build_update(opts.certs, update)
+            length = False if update.get("unannounced") else None
         else:
             status, payload = int(spec), b""
         record["status"] = status
         out(record)
-        self.answer(status, payload)
+        self.answer(status, payload, length)
 
 
 def refuse_body(text):

@@ -44,11 +44,9 @@ struct Peer {
         using clock = std::chrono::steady_clock;
         for (auto end = clock::now() + std::chrono::seconds(10); clock::now() < end;) {
             bridge_json_ptr ev(json_tokener_parse(proc.read_line(1000).c_str()));
-            json_object *msg = nullptr;
-            if (member(ev.get(), "event") != event) continue;
-            if (msgtype.empty()) return ev;
-            if (json_object_object_get_ex(ev.get(), "msg", &msg) && member(msg, "msgtype") == msgtype)
-                return bridge_json_ptr(json_object_get(msg));
+            json_object *msg = json_object_object_get(ev.get(), "msg");
+            if (member(ev.get(), "event") == event && (msgtype.empty() || member(msg, "msgtype") == msgtype))
+                return msgtype.empty() ? std::move(ev) : bridge_json_ptr(json_object_get(msg));
         }
         return nullptr;
     }

@@ -47,7 +47,8 @@ TempDir::~TempDir() {
     std::filesystem::remove_all(path_, ec);
 }
 
-std::string Process::start(const std::vector<std::string> &argv, const std::string &ready_prefix, int timeout_ms) {
+int Process::start_sim(const std::string &script, std::vector<std::string> argv) {
+    argv.insert(argv.begin(), {KES_PYTHON, source_dir() + "/sim/" + script, "--certs", certs()});
     int out_pipe[2], in_pipe[2];
     if (pipe(out_pipe) != 0 || pipe(in_pipe) != 0 || (pid_ = fork()) < 0) throw std::runtime_error("pipe/fork failed");
     if (pid_ == 0) {
@@ -64,13 +65,10 @@ std::string Process::start(const std::vector<std::string> &argv, const std::stri
     close(in_pipe[0]);
     out_fd_ = out_pipe[0];
     in_fd_ = in_pipe[1];
-    for (std::string line; !(line = read_line(timeout_ms)).empty();)
-        if (line.rfind(ready_prefix, 0) == 0) {
-            const size_t rest = line.find_first_not_of(' ', ready_prefix.size());
-            return rest == std::string::npos ? std::string() : line.substr(rest);
-        }
+    for (std::string line; !(line = read_line(20000)).empty();)
+        if (line.rfind("READY ", 0) == 0) return std::stoi(line.substr(6));
     stop();
-    throw std::runtime_error("peer did not become ready: " + argv.back());
+    throw std::runtime_error("simulator did not become ready: " + script);
 }
 
 std::string Process::read_line(int timeout_ms) {
@@ -94,20 +92,10 @@ void Process::write_line(const std::string &line) {
 }
 
 void Process::stop() {
-    if (pid_ > 0) {
-        kill(pid_, SIGTERM);
-        bool reaped = false;
-        for (int i = 0; i < 50 && !(reaped = waitpid(pid_, nullptr, WNOHANG) == pid_); ++i) usleep(20000);
-        if (!reaped && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
+    if (pid_ > 0 && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0); // a simulator keeps nothing to save
+    pid_ = -1;
     for (int *fd : {&out_fd_, &in_fd_})
         if (*fd >= 0) close(std::exchange(*fd, -1));
-}
-
-int Process::start_sim(const std::string &script, std::vector<std::string> args) {
-    args.insert(args.begin(), {python(), source_dir() + "/sim/" + script, "--certs", certs()});
-    return std::stoi(start(args, "READY"));
 }
 
 const std::string &certs() {
@@ -127,15 +115,6 @@ void point_credentials_at(const std::string &dir) {
                                    {s->cert_backup, "cert_backup"}, {s->key, "key"}, {s->key_backup, "key_backup"}})
             snprintf(field, BRIDGE_CFG_STR_SZ, "%s", (prefix + name).c_str());
     }
-}
-
-uint32_t reference_crc32(const std::string &data) {
-    uint32_t crc = 0xffffffffu;
-    for (unsigned char c : data) {
-        crc ^= c;
-        for (int i = 0; i < 8; ++i) crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
-    }
-    return ~crc;
 }
 
 } // namespace kes_test

@@ -1,7 +1,6 @@
 // Helpers shared by the C++ tests: captured log output, scratch folders, files and peer processes.
 #pragma once
 
-#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <sys/types.h>
@@ -39,21 +38,18 @@ private:
     std::string path_;
 };
 
-// A child process (normally a simulator from sim/). start() waits for a line beginning with `ready_prefix` and
-// returns the rest of that line; read_line() returns an empty text on time-out or end.
+// A simulator from sim/ run with the test PKI, talking through its standard input and output. start_sim()
+// returns the port of its "READY <port>" line; read_line() returns an empty text on time-out or end.
 class Process {
 public:
     Process() = default;
     ~Process() { stop(); }
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
-    std::string start(const std::vector<std::string> &argv, const std::string &ready_prefix, int timeout_ms = 20000);
-    // sim/<script> with the test PKI; returns the port of its "READY <port>" line.
     int start_sim(const std::string &script, std::vector<std::string> args);
     std::string read_line(int timeout_ms = 10000);
     void write_line(const std::string &line);
     void stop();
-    pid_t pid() const { return pid_; }
 private:
     pid_t pid_ = -1;
     int out_fd_ = -1, in_fd_ = -1;
@@ -67,9 +63,6 @@ std::string cert(const std::string &name);
 void point_credentials_at(const std::string &dir);
 template <size_t N>
 void set_text(char (&field)[N], const std::string &text) { snprintf(field, N, "%s", text.c_str()); }
-// Plain bitwise CRC-32 (IEEE 802.3), independent of the table-driven one under test.
-uint32_t reference_crc32(const std::string &data);
 inline std::string source_dir() { return KES_SOURCE_DIR; }
-inline std::string python() { return KES_PYTHON; }
 
 } // namespace kes_test

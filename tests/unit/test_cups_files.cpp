@@ -56,7 +56,6 @@ public:
 
     const bridge_bstn_cups_file_syscalls saved_sys = bridge_bstn_cups_file_sys;
     std::unique_ptr<kes_test::TempDir> tmp;
-    bridge_bstn_cups_ctx ctx{};
 };
 
 TEST_F(CupsFiles, SectionWalk) {

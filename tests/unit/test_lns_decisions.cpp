@@ -1,6 +1,6 @@
-// LNS client without a server: window choice, MuxTime arithmetic, URI splitting, the router_config
-// data-rate table, dnmsg handling and the uplink data-rate lookup. Joining fragments and what ends a
-// session are proven against the LNS peer (tests/integration/test_lns_session.cpp).
+// LNS client without a server: window choice, MuxTime arithmetic, URI splitting (its buffer bounds: the
+// lns_uri fuzz target), the router_config data-rate table, dnmsg handling and the uplink data-rate lookup.
+// Joining fragments and what ends a session are proven against the LNS peer (tests/integration).
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -62,7 +62,6 @@ TEST(LnsTime, MuxTimeAndRefTime) {
 }
 
 TEST(LnsUri, SplitsHostPortAndPath) {
-    const std::string h255(255, 'h'), p61(61, 's');
     struct Row { const char *fault; std::string uri; int rc; std::string host; int32_t port; std::string path; };
     const Row rows[] = {
         {"explicit port and path", "wss://lns.example:8887/traffic/eui-1", 0, "lns.example", 8887, "/traffic/eui-1"},
@@ -72,10 +71,6 @@ TEST(LnsUri, SplitsHostPortAndPath) {
         {"port 0", "wss://h:0", -1, "", 0, ""},
         {"port above 65535", "wss://h:70000", -1, "", 0, ""},
         {"port beyond unsigned long", "wss://h:99999999999999999999999", -ERANGE, "", 0, ""},
-        {"host of 255 fits", "wss://" + h255, 0, h255, 443, ""},
-        {"host of 256 overflows", "wss://" + h255 + "h", -1, "", 0, ""},
-        {"path of 62 fits", "wss://h/" + p61, 0, "h", 443, "/" + p61},
-        {"path of 63 overflows", "wss://h/s" + p61, -1, "", 0, ""},
     };
     for (const Row &r : rows) {
         char host[LNS_HOST_SZ] = "", path[LNS_PATH_SZ] = "";

@@ -1,5 +1,6 @@
-// Uplink translators rxpk -> jreq/updf, versions 1 and 2, with the LoRaWAN frame parser they
-// share (frames built by hand from the LoRaWAN frame layout).
+// The translators: the concentrator time base (pure arithmetic, the local clock passed in), rxpk ->
+// jreq/updf in versions 1 and 2 with the LoRaWAN frame parser they share (frames built by hand from the
+// LoRaWAN frame layout), and dnmsg -> txpk (the LNS client has already rewritten DR and chosen Freq).
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,6 +12,58 @@
 #include "support/test_support.h"
 
 namespace {
+
+constexpr uint64_t EPOCH = 0x2Aull << 48, NEXT = 0x2Bull << 48, WRAP = 1ull << 32, S = 1000000, H3 = 3 * 3600 * S;
+constexpr uint64_t TOP = BRIDGE_XTIME_COUNTER_MASK;
+constexpr auto STEP = BRIDGE_XTIME_IN_STEP, JUMP = BRIDGE_XTIME_JUMPED;
+
+// Each row: state before, counter reported (low 32 bits count), local clock; the xtime the
+// observation yields (also the base afterwards unless `base_after` is set) and its kind.
+TEST(TranslatorXtime, ObserveAndFirstEpoch) {
+    struct {
+        const char *fault;
+        bridge_xtime_state before;
+        uint64_t counter, now_us, xtime;
+        bridge_xtime_change change;
+        uint64_t base_after = 0;
+    } rows[] = {
+        {"first observation does not synchronise", {EPOCH, 0, false}, 1000, 5, EPOCH | 1000, BRIDGE_XTIME_SYNCED},
+        {"xtime no longer base + counter delta", {EPOCH | S, 0, true}, S + S / 2, S / 2, EPOCH | (S + S / 2), STEP},
+        {"older packet moves the base back or jumps", {EPOCH | S, 0, true}, S - 100000, 0, EPOCH | (S - 100000), STEP,
+         EPOCH | S},
+        {"packet 9 s behind the clock starts a new epoch", {EPOCH | S, 0, true}, S, 9 * S, EPOCH | S, STEP},
+        {"wrap not carried into bit 32, or missed by a counter ahead of the clock", {EPOCH | (WRAP - 256), 0, true}, 5,
+         250, EPOCH + WRAP + 5, STEP},
+        {"carry of earlier wraps lost", {EPOCH + 2 * WRAP + 100, 7, true}, 200, 107, EPOCH + 2 * WRAP + 200, STEP},
+        {"3 h of silence in the wrong 2^32 period", {EPOCH | 1000, 0, true}, (1000 + H3) % WRAP, H3,
+         EPOCH + 1000 + H3, STEP},
+        {"3 h of silence with 2 s drift", {EPOCH | 1000, 0, true}, (1000 + H3 + 2 * S) % WRAP, H3,
+         EPOCH + 1000 + H3 + 2 * S, STEP},
+        {"forwarder restart keeps the old epoch", {EPOCH | 3000000000u, 0, true}, 2 * S, 60 * S, NEXT | 2 * S, JUMP},
+        {"counter 6 s ahead taken as in step", {EPOCH | S, 0, true}, 7 * S, 0, NEXT | 7 * S, JUMP},
+        {"counter 11 s behind taken as in step", {EPOCH | 20 * S, 0, true}, 9 * S, 0, NEXT | 9 * S, JUMP},
+        {"epoch after 255 is 0", {0xFFull << 48 | 1000, 0, true}, 500, 3600 * S, 1ull << 48 | 500, JUMP},
+        {"48-bit overflow not a new epoch", {EPOCH | (TOP - 100), 0, true}, (TOP + 900) % WRAP, 1000,
+         NEXT | ((TOP + 900) % WRAP), JUMP},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.fault);
+        bridge_xtime_state s = r.before;
+        const bridge_xtime_step step = bridge_xtime_observe(&s, static_cast<int64_t>(r.counter), r.now_us);
+        EXPECT_EQ(static_cast<uint64_t>(step.xtime), r.xtime);
+        EXPECT_EQ(step.change, r.change);
+        EXPECT_EQ(s.base, r.base_after ? r.base_after : r.xtime);
+        EXPECT_TRUE(s.synced);
+    }
+    const struct { int draw; uint32_t previous; uint64_t base; const char *fault; } starts[] = {
+        {0, 0, 1ull << 48, "a draw of 0 gives epoch 0 (xtime 0 is the error value)"},
+        {0x12345, 0, 0x45ull << 48, "bits above the low 8 leak into the epoch"},
+        {0x2A, 0x2A, 0x2Bull << 48, "a restart draws the epoch of the run before it"},
+        {0, 1, 2ull << 48, "a draw of 0 after epoch 1 repeats it"},
+        {0xFF, 0xFF, 1ull << 48, "epoch after 255 is 0"},
+    };
+    for (const auto &s : starts) EXPECT_EQ(bridge_xtime_initial_base(s.draw, s.previous), s.base) << s.fault;
+}
 
 using bytes = std::vector<uint8_t>;
 
@@ -120,6 +173,68 @@ TEST(TranslatorUplink, PacketsAndFrames) {
         auto [rc, out] = translate(r.version, r.rxpk);
         if (r.expect == nullptr) EXPECT_TRUE(rc < 0 && out == R"({"keep":1})") << r.fault << ": " << rc << " " << out;
         else EXPECT_TRUE(rc == 0 && kes_test::contains(out, r.expect)) << r.fault << ": " << rc << " " << out;
+    }
+}
+
+std::pair<int, std::string> downlink(const std::string &dnmsg_json, uint32_t semtech_version = 2) {
+    bridge_json_ptr dnmsg(json_tokener_parse(dnmsg_json.c_str())), txpk(json_object_new_object());
+    uint32_t token = 0;
+    int rc = semtech_version == 2 ? bridge_translate_downlink_bstn_v1_to_semtech_v2(dnmsg.get(), txpk.get(), &token)
+                                  : bridge_translate_downlink_bstn_v1_to_semtech_v1(dnmsg.get(), txpk.get(), &token);
+    return {rc, json_object_to_json_string_ext(txpk.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE)};
+}
+
+std::string dnmsg(const std::string &members, int dc = 0, const std::string &pdu = "60DA1B012600010001D2F5AB9C") {
+    return R"({"msgtype":"dnmsg","DevEui":"00-00-00-00-00-00-00-01","dC":)" + std::to_string(dc) +
+           R"(,"diid":17,"pdu":")" + pdu + R"(","DR":"SF9BW125","Freq":869525000,"priority":0,"rctx":0)" + members +
+           "}";
+}
+
+// Each row: a dnmsg; all of the txpk or the part that matters, or "" when the dnmsg must be
+// refused with nothing written into the txpk.
+TEST(TranslatorDownlink, Txpk) {
+    const std::string head = R"({"imme":false,"freq":869.525000,"rfch":0,"powe":27,"modu":"LORA","datr":"SF9BW125",)"
+                             R"("codr":"4/5","ipol":true,"size":13,"data":"YNobASYAAQAB0vWrnA==")";
+    const std::string head_c = R"({"imme":true)" + head.substr(13), rx2 = R"(,"RX2DR":0,"RX2Freq":869525000)";
+    const std::string xt = R"(,"xtime":)" + std::to_string((0x2Aull << 48) + (3ull << 32) + 1000);
+    struct {
+        const char *fault;
+        std::string dnmsg, txpk;
+        uint32_t semtech_version = 2;
+    } rows[] = {
+        {"class A: key order, freq text, Base64, delay, epoch or wraps in tmst",
+         dnmsg(xt + R"(,"RX1DR":3,"MuxTime":1.5)"), head + R"(,"tmst":1001000})"},
+        {"class A RX2 not one second after RX1", dnmsg(xt + rx2), head + R"(,"tmst":2001000})"},
+        {"class A with RX2DR alone taken as RX2", dnmsg(xt + R"(,"RX2DR":0)"), head + R"(,"tmst":1001000})"},
+        {"RxDelay taken as microseconds", dnmsg(xt + R"(,"RxDelay":5)"), head + R"(,"tmst":5001000})"},
+        {"RxDelay 0 sent at once instead of after 1 s", dnmsg(xt + R"(,"RxDelay":0)"), head + R"(,"tmst":1001000})"},
+        {"class A RX2 with RxDelay 0 disagrees with dntxed", dnmsg(xt + R"(,"RxDelay":0)" + rx2),
+         head + R"(,"tmst":2001000})"},
+        {"class B gpstime not truncated to ms", dnmsg(R"(,"gpstime":1234567890999)", 1),
+         head + R"(,"tmms":1234567890})"},
+        {"class C not immediate, or RX2 second added", dnmsg(rx2, 2), head_c + R"(,"tmst":1000000})"},
+        {"empty pdu refused", dnmsg(xt, 0, ""), R"("size":0,"data":"",)"},
+        {"upper-case hex refused", dnmsg(xt, 0, "A0FF"), R"("size":2,"data":"oP8=",)"},
+        {"255-byte frame cut", dnmsg(xt, 0, std::string(510, 'f')), R"("size":255,"data":"////)"},
+        {"frequency below 1 MHz printed as 0", dnmsg(xt + R"(,"Freq":1)"), R"("freq":0.000001,)"},
+        {"missing pdu accepted",
+         R"({"msgtype":"dnmsg","DevEui":"x","dC":0,"diid":1,"DR":"SF7BW125","Freq":1,"xtime":1})", ""},
+        {"Freq text accepted", dnmsg(xt + R"(,"Freq":"x")"), ""},
+        {"pdu of 512 characters overflows", dnmsg(xt, 0, std::string(512, '0')), ""},
+        {"dC 3 accepted", dnmsg(xt, 3), ""},
+        {"dC -1 accepted", dnmsg(xt, -1), ""},
+        {"class A without xtime accepted", dnmsg(""), ""},
+        {"class B without gpstime accepted", dnmsg(xt, 1), ""},
+        {"odd pdu length accepted", dnmsg(xt, 0, "60D"), ""},
+        {"half a digit taken as a byte", dnmsg(xt, 0, "600g"), ""},
+        {"blank taken as a digit", dnmsg(xt, 0, "60 1"), ""},
+        {"dnmsg not an object", "[1]", ""},
+        {"a version-1 forwarder given downlinks", dnmsg(xt), "", 1},
+    };
+    for (const auto &r : rows) {
+        auto [rc, out] = downlink(r.dnmsg, r.semtech_version);
+        EXPECT_TRUE(r.txpk.empty() ? rc < 0 && out == "{}" : rc == 0 && kes_test::contains(out, r.txpk))
+            << r.fault << ": " << rc << " " << out;
     }
 }
 
