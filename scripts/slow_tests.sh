@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
 # Slow fault tests (tests/slow/test_*.py): recovery through the real 20-second restart and the
-# 10-second retry pause, and a trickling CUPS answer abandoned by the real 60 s low-speed limit. Not part of the
-# default CTest run; about 3 minutes.
+# 10-second retry pause. Not part of the default CTest run; about 80 seconds.
 #
 #   scripts/slow_tests.sh                         # build (build-slow) and run all
 #   BUILD_DIR=build scripts/slow_tests.sh test_slow_lns_recovery.py

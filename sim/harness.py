@@ -5,7 +5,7 @@ CUPS peer (sim/cups_peer.py) and the packet-forwarder simulator (sim/fwd_sim.py)
 with throw-away certificates and a generated TOML configuration. Every process started here is ended
 by its PID. CTest and scripts/slow_tests.sh put sim/ on PYTHONPATH; one test by hand:
 
-    PYTHONPATH=sim KES_BSTN_BIN=build/kes_bstn /usr/bin/python3 tests/e2e/test_fault_lns.py
+    PYTHONPATH=sim KES_BSTN_BIN=build/kes_bstn /usr/bin/python3 tests/e2e/test_fault_session.py
 """
 
 import json
@@ -176,6 +176,13 @@ def dnmsg(diid, xtime, **extra):
     """A class-A dnmsg on RX1 (DR 5 = SF7BW125 in the LNS peer's router_config)."""
     return {"msgtype": "dnmsg", "DevEui": "00-00-00-00-00-00-00-01", "dC": 0, "diid": diid, "pdu": "0a0b0c0d",
             "RxDelay": 1, "RX1DR": 5, "RX1Freq": 868100000, "priority": 0, "xtime": xtime, "rctx": 0, **extra}
+
+
+def xtime_of(msg, tmst):
+    """The xtime of uplink message `msg` at the LNS, checked against the forwarder's `tmst`."""
+    xtime = msg["upinfo"]["xtime"] if msg else 0
+    check(xtime & 0xFFFFFFFF == tmst and 1 <= (xtime >> 48) <= 255, "xtime %#x for tmst %#x" % (xtime, tmst))
+    return xtime
 
 
 def traffic_connections(lns, start=0):
