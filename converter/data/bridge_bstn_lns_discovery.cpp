@@ -231,7 +231,7 @@ int lns_discover(bridge_bstn_lns_ctx *ctx, bool use_backup) {
         out_string("router", cfg->general.gw_eui),
     };
     bridge_json_ptr resp;
-    int rc = lns_request_frame(ctx, "router-info", "info", req_frame, 1, resp, use_backup, true);
+    int rc = lns_request_frame(ctx, "router-info", "info", req_frame, resp, use_backup, true);
     if (rc != 0) return rc;
 
     const bridge_json_field resp_frame[] = {

@@ -143,6 +143,11 @@ int lns_request(bridge_bstn_lns_ctx *ctx, const char *path, const char *req_body
 int lns_request_frame(bridge_bstn_lns_ctx *ctx, const char *path, const char *what,
                       const bridge_json_out_field *frame, uint32_t count, bridge_json_ptr &resp, bool use_backup,
                       bool do_connect);
+template <size_t N>
+int lns_request_frame(bridge_bstn_lns_ctx *ctx, const char *path, const char *what,
+                      const bridge_json_out_field (&frame)[N], bridge_json_ptr &resp, bool use_backup, bool do_connect) {
+    return lns_request_frame(ctx, path, what, frame, static_cast<uint32_t>(N), resp, use_backup, do_connect);
+}
 int lns_discover(bridge_bstn_lns_ctx *ctx, bool use_backup);
 int lns_connect(bridge_bstn_lns_ctx *ctx, bool use_backup);
 // Reason text of a failed file read (a negated errno of bridge_utils_read_text_file_to_buf).

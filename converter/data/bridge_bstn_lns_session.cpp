@@ -8,7 +8,6 @@
 #include "common/bridge_utils.h"
 
 #include <cerrno>
-#include <iterator>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -198,8 +197,7 @@ int lns_version_exchange(bridge_bstn_lns_ctx *ctx, bool use_backup) {
         out_int("protocol", &protocol),
     };
     bridge_json_ptr resp;
-    int rc = lns_request_frame(ctx, "", "version configuration", frame, static_cast<uint32_t>(std::size(frame)), resp,
-                               use_backup, false);
+    int rc = lns_request_frame(ctx, "", "version configuration", frame, resp, use_backup, false);
     if (rc != 0) return rc;
 
     bridge_bstn_lns_dr drs[LNS_DRS_MAX] = {};
